@@ -1,0 +1,38 @@
+/// @file
+/// Aligned reads: the one way in which parsers read a volume.
+#pragma once
+
+#include "agent/Export.h"
+#include "agent/core/IVolumeReader.h"
+#include "agent/info/Logger.h"
+
+namespace agent::core::fs {
+
+/// Reads any byte range of a volume through whole alignment units, as direct I/O wants it: one seek, then reads of at
+/// most 4 MiB each into a zeroed, aligned buffer that lives for the one call, from which the wanted bytes are copied.
+///
+/// A short read does not fail the call, on purpose: the bytes that the volume did not deliver arrive as zeros, and
+/// `bytesRead` counts from the aligned start, not from `offset`.
+///
+/// @param logger     takes the entries of failures
+/// @param volume     sought and read; its position afterwards is not promised
+/// @param alignment  bytes, a power of two. 0 is refused with -1.
+/// @param offset     first byte wanted
+/// @param buffer     takes the bytes, at least `length`; needs no alignment
+/// @param length     bytes wanted. 0 succeeds and copies nothing; it may still read one unit.
+/// @param bytesRead  set to 0 on entry, on success to the number of bytes copied
+/// @return 0 on success (and nothing else is success), -1 when the seek or a read failed
+/// @throws std::exception  whatever creating the buffer threw (std::bad_alloc, std::length_error
+///     "vector::_M_default_append", std::invalid_argument), after a `Debug` entry
+AGENT_EXPORT long fs_seek_read_aligned(agent::info::Logger& logger, agent::core::IVolumeReader const& volume,
+                                       unsigned long alignment, unsigned long offset, void* buffer,
+                                       unsigned long length, unsigned long* bytesRead);
+
+/// Reads `length` bytes at the volume's position, in pieces of at most 4 MiB. A piece that comes short does not end the
+/// loop, on purpose: the next piece goes to its own place in the buffer.
+///
+/// @param bytesRead  what was read is added to it; it is not reset
+/// @return 0 on success, -1 when a read failed
+AGENT_EXPORT long fs_chunk_read(agent::core::IVolumeReader const& volume, void* buffer, long length, long* bytesRead);
+
+} // namespace agent::core::fs

@@ -1,0 +1,102 @@
+/// @file
+/// Memory that starts at a multiple of a given power of two, as direct I/O wants it.
+#pragma once
+
+#include "agent/Export.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <new>
+#include <type_traits>
+
+namespace agent {
+
+/// Blocks of at least this many bytes are mapped straight from the system, so that they come as fresh zero pages which
+/// take no memory until they are written. 256 KiB: from there on, mapping costs less than clearing.
+inline constexpr std::size_t kFreshPagesThreshold = std::size_t{256} * 1024;
+
+/// Zeroed memory of `bytes` bytes that starts at a multiple of `alignment`.
+/// @throws std::invalid_argument  `alignment` is not a power of two
+/// @throws std::bad_alloc         the memory cannot be had; nothing is held then
+AGENT_EXPORT void* allocateAligned(std::size_t bytes, std::size_t alignment);
+
+/// Gives back what allocateAligned returned for the same `bytes` and `alignment`. A null pointer is ignored.
+AGENT_EXPORT void deallocateAligned(void* memory, std::size_t bytes, std::size_t alignment) noexcept;
+
+/// A standard allocator whose memory starts at a multiple of the alignment it was constructed with.
+///
+/// Every block that allocate() returns is zero. A container's value-initialised elements of a trivial type are
+/// therefore not cleared a second time: a vector of a gigabyte costs no memory before its pages are written. The
+/// consequence to know: a vector that shrinks and grows again inside its capacity finds its old bytes there; one that
+/// wants zeros uses `assign`. Elements of other types are constructed as always.
+///
+/// Two allocators are equal, and may free each other's memory, when their alignments are equal.
+///
+/// @code
+/// std::vector<char, agent::AlignedAllocator<char>> buffer(agent::AlignedAllocator<char>(4096));
+/// buffer.resize(1 << 20); // zero, and buffer.data() is a multiple of 4096
+/// @endcode
+template <typename T>
+class AlignedAllocator {
+public:
+    using value_type = T;
+    using propagate_on_container_copy_assignment = std::true_type;
+    using propagate_on_container_move_assignment = std::true_type;
+    using propagate_on_container_swap = std::true_type;
+    using is_always_equal = std::false_type;
+
+    /// @param alignment  bytes, a power of two; below the alignment of T it counts as that
+    explicit AlignedAllocator(std::size_t alignment) noexcept : alignment_(alignment) {}
+
+    template <typename Other>
+    AlignedAllocator(AlignedAllocator<Other> const& other) noexcept // NOLINT: allocators convert
+        : alignment_(other.alignment()) {}
+
+    /// Zeroed memory for `count` elements.
+    /// @throws std::bad_alloc, std::bad_array_new_length  the memory cannot be had
+    /// @throws std::invalid_argument                      the alignment is not a power of two
+    T* allocate(std::size_t count) {
+        if (count > static_cast<std::size_t>(std::numeric_limits<std::ptrdiff_t>::max()) / sizeof(T)) {
+            throw std::bad_array_new_length();
+        }
+        return static_cast<T*>(allocateAligned(count * sizeof(T), effectiveAlignment()));
+    }
+
+    /// Frees what allocate() returned for the same count.
+    void deallocate(T* memory, std::size_t count) noexcept {
+        deallocateAligned(memory, count * sizeof(T), effectiveAlignment());
+    }
+
+    /// Default-initialises one element: for a trivial type, the zeros of the fresh memory stay.
+    template <typename U>
+    void construct(U* place) noexcept(std::is_nothrow_default_constructible_v<U>) {
+        ::new (static_cast<void*>(place)) U;
+    }
+
+    /// Constructs one element from arguments.
+    template <typename U, typename First, typename... Rest>
+    void construct(U* place, First&& first, Rest&&... rest) {
+        ::new (static_cast<void*>(place)) U(static_cast<First&&>(first), static_cast<Rest&&>(rest)...);
+    }
+
+    /// The alignment given to the constructor, in bytes.
+    std::size_t alignment() const noexcept { return alignment_; }
+
+private:
+    std::size_t effectiveAlignment() const noexcept {
+        return alignment_ > alignof(T) ? alignment_ : naturalAlignment();
+    }
+
+    /// An alignment of 0 stays 0 and is refused: it is no power of two.
+    std::size_t naturalAlignment() const noexcept { return alignment_ == 0 ? 0 : alignof(T); }
+
+    std::size_t alignment_;
+};
+
+template <typename T, typename U>
+bool operator==(AlignedAllocator<T> const& left, AlignedAllocator<U> const& right) noexcept {
+    return left.alignment() == right.alignment();
+}
+
+} // namespace agent

@@ -1,0 +1,23 @@
+/// @file
+/// Paths of the host system.
+#pragma once
+
+#include "agent/Export.h"
+
+#include <string>
+
+namespace agent {
+
+/// Helpers for paths of the host system (separator '/').
+class AGENT_EXPORT Path {
+public:
+    Path() = delete;
+
+    /// The path of one component: itself, unchanged, so that the name of a device stays the name it was opened by.
+    static std::string concat(std::string path);
+
+    /// Joins two components with exactly one '/' between them. An empty component adds nothing.
+    static std::string concat(std::string const& first, std::string const& second);
+};
+
+} // namespace agent

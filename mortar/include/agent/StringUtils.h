@@ -1,0 +1,24 @@
+/// @file
+/// Narrow and wide strings.
+#pragma once
+
+#include "agent/Export.h"
+
+#include <string>
+
+namespace agent {
+
+/// Conversions of strings.
+class AGENT_EXPORT StringUtils {
+public:
+    StringUtils() = delete;
+
+    /// Turns UTF-8 into UTF-16 code units, one to a wide character, so that the result compares unit by unit with names
+    /// as NTFS stores them: a character beyond the basic plane becomes its two surrogates.
+    ///
+    /// Each byte that is not part of a well-formed sequence (RFC 3629: no overlong form, no encoded surrogate, nothing
+    /// above U+10FFFF) becomes one U+FFFD. A null byte is a character like any other. Independent of the locale.
+    static std::wstring StrToWStr(std::string const& text);
+};
+
+} // namespace agent

@@ -1,0 +1,94 @@
+/// @file
+/// Where every message of the libraries goes.
+#pragma once
+
+#include "agent/Export.h"
+
+#include <ios>
+#include <optional>
+#include <sstream>
+#include <string>
+
+namespace agent::info {
+
+/// How grave a message is. The values are bits, so that a logger can keep a mask of them.
+enum class Level : int {
+    Error = 1,   ///< a failed system call, invalid on-disk data, a failed chunk
+    Warning = 2, ///< a short read, an advisory check that failed
+    Debug = 4,   ///< trace
+};
+
+/// A sink of messages, implemented by the caller and handed to the libraries by reference.
+///
+/// The libraries never own a logger: it must outlive everything that was built on it. They call it from the thread
+/// that called them and never keep a message.
+///
+/// @code
+/// struct StderrLogger : agent::info::Logger {
+///     bool isEnabled(Level level) const override { return level != Level::Debug; }
+///     void write(Level, std::string const& text) override { std::fprintf(stderr, "%s\n", text.c_str()); }
+/// };
+/// @endcode
+class AGENT_EXPORT Logger {
+public:
+    class Entry;
+
+    Logger() = default;
+    Logger(Logger const&) = default;
+    Logger& operator=(Logger const&) = default;
+    virtual ~Logger();
+
+    /// Whether messages of this level are wanted. Asked once for each entry; true by default.
+    virtual bool isEnabled(Level level) const;
+
+    /// Takes one whole message, without a trailing newline. Called once for each enabled entry.
+    virtual void write(Level level, std::string const& text) = 0;
+};
+
+/// One message, written as a stream of pieces and handed to Logger::write when the entry is destroyed.
+///
+/// Takes whatever a standard output stream takes: text pieces, integers, single raw characters (`char`, `unsigned char`
+/// and `signed char` are written as they stand, not as numbers), `std::hex`, `std::dec`, `std::setw`, `std::setfill`.
+/// Numbers are decimal until a manipulator says otherwise, and are never grouped, whatever the process's locale.
+///
+/// While the level is off, nothing is formatted and nothing is allocated: the pieces are dropped as they come.
+///
+/// @code
+/// Logger::Entry(logger, Level::Error) << "Failed to open block device " << path << ", err: " << error;
+/// @endcode
+class AGENT_EXPORT Logger::Entry {
+public:
+    /// Asks `logger` once whether `level` is wanted. The logger must outlive the entry.
+    Entry(Logger& logger, Level level);
+
+    /// Hands the text to the logger if its level is on, also when the text is empty. An exception that the logger
+    /// throws is dropped: a lost message must not end the process that the libraries are guests in.
+    ~Entry();
+
+    Entry(Entry const&) = delete;
+    Entry& operator=(Entry const&) = delete;
+
+    /// Adds one piece to the text.
+    template <typename Piece>
+    Entry& operator<<(Piece const& piece) {
+        if (stream_) {
+            *stream_ << piece;
+        }
+        return *this;
+    }
+
+    /// Applies a manipulator such as `std::hex` or `std::dec` to the numbers that follow.
+    Entry& operator<<(std::ios_base& (*manipulator)(std::ios_base&)) {
+        if (stream_) {
+            manipulator(*stream_);
+        }
+        return *this;
+    }
+
+private:
+    Logger& logger_;
+    Level level_;
+    std::optional<std::ostringstream> stream_;
+};
+
+} // namespace agent::info

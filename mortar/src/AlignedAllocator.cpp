@@ -1,0 +1,105 @@
+// Aligned zeroed memory: small blocks from the heap, large ones as fresh pages of the system.
+#include "agent/AlignedAllocator.h"
+
+#include <bit>
+#include <cerrno>
+#include <cstring>
+#include <new>
+#include <stdexcept>
+#include <sys/mman.h>
+
+namespace agent {
+
+namespace {
+
+/// x86-64 has no other base page size.
+constexpr std::size_t kPageSize = 4096;
+
+/// More than this cannot be addressed in one block.
+constexpr std::size_t kMaximum = static_cast<std::size_t>(std::numeric_limits<std::ptrdiff_t>::max());
+
+/// The C library is asked for small blocks only: a large one must come as fresh pages, and an alignment beyond a page
+/// would make it take that much memory.
+bool isMapped(std::size_t bytes, std::size_t alignment) {
+    return bytes >= kFreshPagesThreshold || alignment > kPageSize;
+}
+
+/// Requires bytes <= kMaximum.
+std::size_t wholePages(std::size_t bytes) {
+    return bytes == 0 ? kPageSize : (bytes + kPageSize - 1) / kPageSize * kPageSize;
+}
+
+void* mapOrThrow(std::size_t bytes, int protection) {
+    void* memory = ::mmap(nullptr, bytes, protection, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED) {
+        throw std::bad_alloc();
+    }
+    return memory;
+}
+
+/// Reserves addresses for the block and for its alignment, keeps the aligned part, and only then asks for memory.
+void* mapAligned(std::size_t bytes, std::size_t alignment) {
+    if (alignment > kMaximum - bytes) {
+        throw std::bad_alloc();
+    }
+    std::size_t const reserved = bytes + alignment;
+    char* const start = static_cast<char*>(mapOrThrow(reserved, PROT_NONE));
+    auto const misplaced = reinterpret_cast<std::uintptr_t>(start) & (alignment - 1);
+    std::size_t const head = misplaced == 0 ? 0 : alignment - misplaced;
+    char* const block = start + head;
+    if (head != 0) {
+        ::munmap(start, head);
+    }
+    if (std::size_t const tail = reserved - head - bytes; tail != 0) {
+        ::munmap(block + bytes, tail);
+    }
+    if (::mprotect(block, bytes, PROT_READ | PROT_WRITE) != 0) {
+        ::munmap(block, bytes);
+        throw std::bad_alloc();
+    }
+    return block;
+}
+
+/// Keeps the caller's errno: a guest in someone's process leaves it alone when it succeeds or throws.
+struct KeepErrno {
+    int saved = errno;
+    KeepErrno() = default;
+    KeepErrno(KeepErrno const&) = delete;
+    KeepErrno& operator=(KeepErrno const&) = delete;
+    ~KeepErrno() { errno = saved; }
+};
+
+} // namespace
+
+void* allocateAligned(std::size_t bytes, std::size_t alignment) {
+    if (!std::has_single_bit(alignment)) {
+        throw std::invalid_argument("alignment is not a power of two");
+    }
+    if (bytes > kMaximum - kPageSize) {
+        throw std::bad_alloc();
+    }
+    KeepErrno const keep;
+    if (alignment > kPageSize) {
+        return mapAligned(wholePages(bytes), alignment);
+    }
+    if (isMapped(bytes, alignment)) {
+        return mapOrThrow(wholePages(bytes), PROT_READ | PROT_WRITE);
+    }
+    void* const memory = ::operator new (bytes, std::align_val_t{alignment});
+    std::memset(memory, 0, bytes);
+    return memory;
+}
+
+void deallocateAligned(void* memory, std::size_t bytes, std::size_t alignment) noexcept {
+    if (memory == nullptr) {
+        return;
+    }
+    if (isMapped(bytes, alignment)) {
+        KeepErrno const keep;
+        ::munmap(memory, wholePages(bytes));
+        return;
+    }
+    ::operator delete (memory, std::align_val_t{alignment});
+}
+
+} // namespace agent
