@@ -13,7 +13,7 @@ namespace agent::core::backup {
 using agent::info::Level;
 using agent::info::Logger;
 
-class VolumeReader::Impl {
+class AGENT_LOCAL VolumeReader::Impl {
 public:
     Impl(Logger& logger, std::string const& path);
     Impl(Impl const&) = delete;

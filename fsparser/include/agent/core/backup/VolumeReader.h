@@ -61,7 +61,7 @@ public:
     long size() override;
 
 private:
-    class Impl;
+    class AGENT_LOCAL Impl;
     std::unique_ptr<Impl> impl_;
 };
 

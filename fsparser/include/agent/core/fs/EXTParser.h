@@ -70,12 +70,12 @@ private:
     struct Position;
     struct Chunk;
 
-    std::int64_t blockSize() const;
-    std::uint64_t descriptorSize() const;
-    bool readDescriptorTable(ZeroedBuffer& table) const;
-    long mergeGroups(ZeroedBuffer& table, ZeroedBuffer& bitmap, Position from, std::uint32_t groups,
-                     Chunk const& chunk) const;
-    long fail(char const* message) const;
+    AGENT_LOCAL std::int64_t blockSize() const;
+    AGENT_LOCAL std::uint64_t descriptorSize() const;
+    AGENT_LOCAL bool readDescriptorTable(ZeroedBuffer& table) const;
+    AGENT_LOCAL long mergeGroups(ZeroedBuffer& table, ZeroedBuffer& bitmap, Position from, std::uint32_t groups,
+                                 Chunk const& chunk) const;
+    AGENT_LOCAL long fail(char const* message) const;
 
     agent::info::Logger* logger_;
     agent::core::IVolumeReader const* volume_;
