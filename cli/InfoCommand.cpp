@@ -1,0 +1,48 @@
+// fsparser info: a volume's summary.
+#include "cli/Commands.h"
+#include "cli/Interrupt.h"
+#include "cli/Summary.h"
+#include "imaging/Detection.h"
+
+#include <fmt/format.h>
+
+namespace cli {
+
+namespace {
+
+void printText(imaging::Volume const& volume, imaging::VolumeMap const& map, imaging::MapTotals const& totals) {
+    imaging::Geometry const& geometry = map.geometry();
+    auto const share = static_cast<double>(totals.used) * 100 / static_cast<double>(geometry.units);
+    auto const inBytes = [&](std::uint64_t units) { return humanSize(units * geometry.unitSize); };
+    fmt::print("volume          {}\n", volume.path());
+    fmt::print("file system     {}\n", imaging::fileSystemName(volume.fileSystem()));
+    fmt::print("size            {} bytes ({})\n", volume.size(), humanSize(volume.size()));
+    fmt::print("unit size       {} bytes\n", geometry.unitSize);
+    fmt::print("units           {} ({})\n", geometry.units, inBytes(geometry.units));
+    fmt::print("used            {} units ({}, {:.1f} %)\n", totals.used, inBytes(totals.used), share);
+    fmt::print("free            {} units ({})\n", totals.free, inBytes(totals.free));
+    fmt::print("past last unit  {} bytes\n", map.bytesPastLastUnit());
+}
+
+} // namespace
+
+ExitCode runInfo(Options const& options, Console& console) {
+    imaging::Volume volume(options.volume, options.alignment, console);
+    imaging::VolumeMap map(volume);
+    imaging::MapTotals const totals = map.walk([](imaging::Run const&) {}, checkInterrupt);
+    if (options.json) {
+        Json document = beginDocument("info", volume);
+        addGeometry(document, volume, map.geometry());
+        document["used"] = totals.used;
+        document["free"] = totals.free;
+        document["past_last_unit"] = map.bytesPastLastUnit();
+        addWarnings(document, totals.warnings);
+        printDocument(document);
+    } else {
+        printText(volume, map, totals);
+    }
+    console.warnings(totals.warnings);
+    return totals.warnings.empty() ? kOk : kInconsistent;
+}
+
+} // namespace cli

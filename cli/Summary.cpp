@@ -1,0 +1,52 @@
+// Shared parts of the verbs' output.
+#include "cli/Summary.h"
+
+#include "imaging/Detection.h"
+
+#include <array>
+#include <fmt/format.h>
+
+namespace cli {
+
+Json beginDocument(std::string const& verb, imaging::Volume const& volume) {
+    Json document;
+    document["schema"] = "fsparser." + verb + "/1";
+    document["file_system"] = imaging::fileSystemName(volume.fileSystem());
+    return document;
+}
+
+void addGeometry(Json& document, imaging::Volume const& volume, imaging::Geometry const& geometry) {
+    document["unit_size"] = geometry.unitSize;
+    document["units"] = geometry.units;
+    document["size"] = volume.size();
+}
+
+void addWarnings(Json& document, std::vector<std::string> const& warnings) {
+    if (!warnings.empty()) {
+        document["warnings"] = warnings;
+    }
+}
+
+std::string dumpDocument(Json const& document) {
+    return document.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+void printDocument(Json const& document) {
+    fmt::print("{}\n", document.dump(2, ' ', false, Json::error_handler_t::replace));
+}
+
+std::string humanSize(std::uint64_t bytes) {
+    constexpr std::array units{"bytes", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
+    if (bytes < 1024) {
+        return fmt::format("{} {}", bytes, units[0]);
+    }
+    auto size = static_cast<double>(bytes);
+    std::size_t unit = 0;
+    while (size >= 1024 && unit + 1 < units.size()) {
+        size /= 1024;
+        ++unit;
+    }
+    return fmt::format("{:.3g} {}", size, units.at(unit));
+}
+
+} // namespace cli

@@ -1,0 +1,33 @@
+// The keys that every verb's JSON document shares, and sizes as people read them.
+#pragma once
+
+#include "imaging/VolumeMap.h"
+
+#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <string>
+
+namespace cli {
+
+/// A JSON object that keeps the order of its keys.
+using Json = nlohmann::ordered_json;
+
+/// Begins a document: schema "fsparser.VERB/1" and the file system's name.
+Json beginDocument(std::string const& verb, imaging::Volume const& volume);
+
+/// Adds the geometry: "unit_size" and "size" in bytes, "units".
+void addGeometry(Json& document, imaging::Volume const& volume, imaging::Geometry const& geometry);
+
+/// Adds "warnings" if there are any.
+void addWarnings(Json& document, std::vector<std::string> const& warnings);
+
+/// Prints a document and a newline on standard output. Bytes of a path that are not UTF-8 become U+FFFD.
+void printDocument(Json const& document);
+
+/// The document as one line of text.
+std::string dumpDocument(Json const& document);
+
+/// "1.5 GiB" for 1610612736; bytes below a KiB as they are.
+std::string humanSize(std::uint64_t bytes);
+
+} // namespace cli

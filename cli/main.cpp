@@ -1,0 +1,185 @@
+// The command `fsparser`: arguments in, exit code out.
+#include "cli/Commands.h"
+#include "cli/Interrupt.h"
+#include "imaging/Error.h"
+
+#include <CLI/CLI.hpp>
+#include <bit>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fmt/format.h>
+#include <functional>
+#include <map>
+#include <new>
+
+namespace cli {
+
+namespace {
+
+using Verb = ExitCode (*)(Options const&, Console&);
+
+constexpr char const* kDescription = "Looks inside a raw volume without mounting it: which file system it holds, and "
+                                     "which of its units are in use.";
+
+constexpr char const* kFooter = R"(Data goes to standard output, everything else to standard error.
+
+Exit codes:
+  0    done
+  1    I/O or internal error
+  2    usage
+  3    not found, or not a file system that is understood
+  4    done, but the volume is inconsistent or its map is not to be believed
+  5    verification failed
+  130  interrupted
+
+Examples:
+  fsparser detect disk.img
+  fsparser info --json /dev/sdb1
+  fsparser map --color always disk.img | less -R
+  fsparser bitmap -o used.bin disk.img
+  fsparser ranges --json disk.img | jq '.ranges | length'
+)";
+
+/// The largest alignment that is taken: no device asks for more.
+constexpr std::uint64_t kLargestAlignment = std::uint64_t{1} << 30;
+
+/// What a parsed command line asks for.
+struct Request {
+    Options options;
+    Verb verb = nullptr;
+    bool quiet = false;
+    int verbose = 0;
+
+    Verbosity verbosity() const {
+        if (quiet) {
+            return Verbosity::Quiet;
+        }
+        return verbose >= 2 ? Verbosity::Debug : verbose == 1 ? Verbosity::Warnings : Verbosity::Normal;
+    }
+};
+
+std::string checkAlignment(std::string const& text) {
+    std::uint64_t alignment = 0;
+    bool const isNumber = CLI::detail::lexical_cast(text, alignment);
+    if (!isNumber || !std::has_single_bit(alignment) || alignment > kLargestAlignment) {
+        return "an alignment is a power of two up to 1073741824, not " + text;
+    }
+    return {};
+}
+
+CLI::App* addVerb(CLI::App& app, Request& request, char const* name, char const* description, Verb verb) {
+    CLI::App* const command = app.add_subcommand(name, description);
+    Options& options = request.options;
+    command->add_option("VOLUME", options.volume, "an image file or a block device")->required();
+    command->add_flag("--json", options.json, "print one JSON document");
+    command->add_option("--align", options.alignment, "read in multiples of BYTES (default: what the device asks for)")
+        ->type_name("BYTES")
+        ->check(CLI::Validator(checkAlignment, ""));
+    auto* const quiet = command->add_flag("-q,--quiet", request.quiet, "print errors only");
+    command->add_flag("-v,--verbose", request.verbose, "show the library's warnings; -vv: its debug log")
+        ->excludes(quiet);
+    command->callback([&request, verb] { request.verb = verb; });
+    return command;
+}
+
+void addMap(CLI::App& app, Request& request) {
+    CLI::App* const map = addVerb(app, request, "map", "Draw used and free space", runMap);
+    Options& options = request.options;
+    std::map<std::string, ColorChoice> const choices{
+        {"auto", ColorChoice::Auto}, {"always", ColorChoice::Always}, {"never", ColorChoice::Never}};
+    map->add_option("--color", options.color, "auto, always or never (default: auto; NO_COLOR is honoured)")
+        ->type_name("WHEN")
+        ->transform(CLI::Transformer(choices).description(""))
+        ->check(CLI::IsMember({0, 1, 2}).description(""));
+    map->add_option("--width", options.columns, "cells in a line (default: the window's)")
+        ->type_name("N")
+        ->check(CLI::Range(1, 10000).description(""));
+    map->add_option("--height", options.lines, "lines of the picture (default: the window's)")
+        ->type_name("N")
+        ->check(CLI::Range(1, 10000).description(""));
+    map->add_flag("--ascii", options.ascii, "draw with ASCII characters only");
+    map->footer("Example:\n  fsparser map --width 64 --height 8 disk.img\n");
+}
+
+void addBitmap(CLI::App& app, Request& request) {
+    CLI::App* const bitmap =
+        addVerb(app, request, "bitmap", "Write the raw bitmap: one bit a unit, least significant bit first", runBitmap);
+    bitmap->add_option("-o,--output", request.options.output, "where to: a file, or - for standard output (default)")
+        ->type_name("FILE|-");
+    bitmap->footer("A file appears under its name only when it is whole.\n\nExamples:\n"
+                   "  fsparser bitmap -o used.bin disk.img\n  fsparser bitmap disk.img | xxd | head\n");
+}
+
+void addVerbs(CLI::App& app, Request& request) {
+    addVerb(app, request, "detect", "Name the file system", runDetect)
+        ->footer("Example:\n  fsparser detect /dev/sdb1\n");
+    addVerb(app, request, "info", "Summarise the volume: units, used, free, what lies past the last unit", runInfo)
+        ->footer("Example:\n  fsparser info --json disk.img\n");
+    addMap(app, request);
+    addBitmap(app, request);
+    addVerb(app, request, "ranges", "List the used runs: first unit and count, one run a line", runRanges)
+        ->footer("Example:\n  fsparser ranges disk.img | awk '{ units += $2 } END { print units }'\n");
+}
+
+/// Contradictions that no single option can see.
+void checkTogether(Request const& request) {
+    if (request.verb != runBitmap || request.options.output != "-") {
+        return;
+    }
+    if (request.options.json) {
+        throw CLI::ValidationError("--json", "needs -o FILE: the bitmap itself goes to standard output");
+    }
+    if (isTerminal()) {
+        throw CLI::ValidationError("-o", "the bitmap is binary and standard output is a terminal; name a FILE");
+    }
+}
+
+ExitCode execute(Request const& request) {
+    Console console(request.verbosity());
+    try {
+        catchInterrupt();
+        ExitCode const code = request.verb(request.options, console);
+        if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+            console.error(std::string("standard output: cannot be written: ") + std::strerror(errno));
+            return kFailure;
+        }
+        return code;
+    } catch (imaging::VolumeError const& error) {
+        console.error(error.what());
+        return error.trouble() == imaging::Trouble::Io ? kFailure : kNotUnderstood;
+    } catch (Interrupted const&) {
+        console.error("interrupted");
+        return kInterrupted;
+    } catch (std::bad_alloc const&) {
+        console.error(request.options.volume + ": there is not enough memory for what its header asks for");
+        return kFailure;
+    } catch (std::exception const& error) {
+        console.error(request.options.volume + ": " + error.what());
+        return kFailure;
+    }
+}
+
+int run(int argc, char** argv) {
+    CLI::App app(kDescription, "fsparser");
+    Request request;
+    app.footer(kFooter);
+    app.set_version_flag("--version", "fsparser " FSPARSER_VERSION);
+    app.require_subcommand(1);
+    addVerbs(app, request);
+    try {
+        app.parse(argc, argv);
+        checkTogether(request);
+    } catch (CLI::ParseError const& error) {
+        return app.exit(error) == 0 ? kOk : kUsage;
+    }
+    return execute(request);
+}
+
+} // namespace
+
+} // namespace cli
+
+int main(int argc, char** argv) {
+    return cli::run(argc, argv);
+}

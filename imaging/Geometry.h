@@ -1,0 +1,20 @@
+// What a volume's own header says of its units.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace imaging {
+
+/// The units of a file system, read from its header without the parser, so that the parser's answer can be checked.
+struct Geometry {
+    std::uint64_t unitSize = 0;   ///< bytes
+    std::uint64_t units = 0;      ///< units of the volume, numbered from 0; unitSize * units fits 63 bits
+    std::uint64_t chunkBytes = 0; ///< how long a chunk must be so that what the parser reads again is no burden
+
+    /// Why the parser's map is not the truth here, as one clause with field and value; then every unit counts as used.
+    std::optional<std::string> notBelieved = std::nullopt;
+};
+
+} // namespace imaging

@@ -1,0 +1,99 @@
+// Temporary name, sync, rename.
+#include "imaging/OutputFile.h"
+
+#include "agent/PosixError.h"
+#include "imaging/Error.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace imaging {
+
+namespace {
+
+std::string directoryOf(std::string const& path) {
+    auto const slash = path.find_last_of('/');
+    if (slash == std::string::npos) {
+        return ".";
+    }
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+/// A destination that is a device, a directory or the volume itself would be destroyed by what is about to happen.
+void requireReplaceable(std::string const& path, std::string const& source) {
+    struct stat target {};
+    if (::stat(path.c_str(), &target) != 0) {
+        return; // not there; creating it will tell if it cannot be
+    }
+    if (!S_ISREG(target.st_mode)) {
+        throw VolumeError(Trouble::Io, path + ": exists and is not a regular file; it is left alone");
+    }
+    struct stat origin {};
+    if (::stat(source.c_str(), &origin) == 0 && origin.st_dev == target.st_dev && origin.st_ino == target.st_ino) {
+        throw VolumeError(Trouble::Io, path + ": is the volume itself; it is left alone");
+    }
+}
+
+/// A file made by a program with the usual rights, unlike one that mkstemp leaves private.
+void applyUsualMode(int descriptor) {
+    mode_t const mask = ::umask(0);
+    ::umask(mask);
+    ::fchmod(descriptor, 0666 & ~mask);
+}
+
+} // namespace
+
+OutputFile::OutputFile(std::string const& path, std::string const& source) : path_(path), temporary_(path + ".XXXXXX") {
+    requireReplaceable(path, source);
+    descriptor_ = ::mkostemp(temporary_.data(), O_CLOEXEC);
+    if (descriptor_ == -1) {
+        fail("cannot be created");
+    }
+    applyUsualMode(descriptor_);
+}
+
+OutputFile::~OutputFile() {
+    if (descriptor_ != -1) {
+        ::close(descriptor_);
+        ::unlink(temporary_.c_str());
+    }
+}
+
+void OutputFile::write(std::span<std::uint8_t const> bytes) {
+    while (!bytes.empty()) {
+        ssize_t const count = ::write(descriptor_, bytes.data(), bytes.size());
+        if (count == -1 && errno == EINTR) {
+            continue;
+        }
+        if (count <= 0) {
+            fail("cannot be written");
+        }
+        bytes = bytes.subspan(static_cast<std::size_t>(count));
+    }
+}
+
+void OutputFile::commit() {
+    if (::fsync(descriptor_) != 0) {
+        fail("cannot be synced");
+    }
+    if (::rename(temporary_.c_str(), path_.c_str()) != 0) {
+        fail("cannot be renamed into place");
+    }
+    ::close(descriptor_);
+    descriptor_ = -1;
+    int const directory = ::open(directoryOf(path_).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (directory != -1) {
+        ::fsync(directory); // the name is there either way; this only makes it durable sooner
+        ::close(directory);
+    }
+}
+
+void OutputFile::fail(std::string const& what) const {
+    throw VolumeError(Trouble::Io, path_ + ": " + what + ": " + agent::PosixError::strerror(errno));
+}
+
+} // namespace imaging

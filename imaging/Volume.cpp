@@ -1,0 +1,55 @@
+// Opening a volume and finding out what it is.
+#include "imaging/Volume.h"
+
+#include "agent/PosixError.h"
+#include "agent/core/fs/FSUtil.h"
+#include "imaging/Detection.h"
+#include "imaging/Device.h"
+#include "imaging/Error.h"
+
+namespace imaging {
+
+Volume::Volume(std::string const& path, std::uint64_t alignment, agent::info::Logger& logger)
+    : path_(path), logger_(logger), alignment_(alignment) {
+    requireVolumePath(path_);
+    open();
+    detect();
+}
+
+void Volume::open() {
+    try {
+        device_.emplace(logger_, path_);
+    } catch (agent::PosixError const& error) {
+        throw VolumeError(Trouble::Io, path_ + ": cannot be opened: " + agent::PosixError::strerror(error.code()));
+    }
+    if (!device_->open()) {
+        throw VolumeError(Trouble::Io,
+                          path_ + ": cannot be opened: " + agent::PosixError::strerror(device_->getLastError()));
+    }
+    size_ = static_cast<std::uint64_t>(device_->size());
+    if (alignment_ == 0) {
+        alignment_ = directIoAlignment(device_->getHandle());
+    }
+    strict_.emplace(logger_, *device_, size_, alignment_);
+}
+
+void Volume::detect() {
+    if (size_ < kSectorBytes) {
+        throw VolumeError(Trouble::NotUnderstood, path_ + ": ends at byte " + std::to_string(size_) +
+                                                      ", before the end of a first sector (512 bytes)");
+    }
+    code_ = detectFileSystem(logger_, *strict_, alignment_, size_);
+}
+
+std::vector<std::uint8_t> Volume::readBytes(std::uint64_t offset, std::uint64_t length) {
+    std::vector<std::uint8_t> bytes(length);
+    unsigned long bytesRead = 0;
+    if (agent::core::fs::fs_seek_read_aligned(logger_, *strict_, alignment_, offset, bytes.data(), length,
+                                              &bytesRead) != 0) {
+        throw VolumeError(Trouble::Io, path_ + ": cannot be read at byte " + std::to_string(offset) + ": " +
+                                           logger_.takeReason("the read failed"));
+    }
+    return bytes;
+}
+
+} // namespace imaging

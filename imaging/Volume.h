@@ -1,0 +1,62 @@
+// A volume opened by path, ready to be asked.
+#pragma once
+
+#include "agent/core/backup/VolumeReader.h"
+#include "agent/core/fs/IFileSystemType.h"
+#include "imaging/ReasonLogger.h"
+#include "imaging/StrictReader.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace imaging {
+
+/// An image file or a block device, opened read-only with direct I/O where its path allows that, and what was found at
+/// its start. One thread at a time.
+class Volume {
+public:
+    /// @param path       an image file or a block device
+    /// @param alignment  bytes, a power of two; 0 for what the device asks for
+    /// @param logger     takes the library's entries; not owned, must outlive the volume
+    /// @throws VolumeError  the path is missing, of another kind, cannot be opened or read, or holds less than a sector
+    Volume(std::string const& path, std::uint64_t alignment, agent::info::Logger& logger);
+    Volume(Volume const&) = delete;
+    Volume& operator=(Volume const&) = delete;
+
+    std::string const& path() const { return path_; }
+
+    /// Bytes of the volume.
+    std::uint64_t size() const { return size_; }
+
+    /// Bytes, the granularity of every read.
+    std::uint64_t alignment() const { return alignment_; }
+
+    /// What the library's detector found.
+    agent::core::fs::FileSystemCode fileSystem() const { return code_; }
+
+    /// The reader that parsers are given: bytes that are not there are an error.
+    StrictReader& reader() { return *strict_; }
+
+    /// The logger that parsers are given.
+    ReasonLogger& logger() { return logger_; }
+
+    /// Reads bytes of the volume.
+    /// @throws VolumeError  they cannot be read
+    std::vector<std::uint8_t> readBytes(std::uint64_t offset, std::uint64_t length);
+
+private:
+    void open();
+    void detect();
+
+    std::string path_;
+    ReasonLogger logger_;
+    std::uint64_t alignment_;
+    std::uint64_t size_ = 0;
+    std::optional<agent::core::backup::VolumeReader> device_;
+    std::optional<StrictReader> strict_;
+    agent::core::fs::FileSystemCode code_ = agent::core::fs::kUnrecognized;
+};
+
+} // namespace imaging

@@ -1,0 +1,55 @@
+// Used and free units of a volume, as runs.
+#pragma once
+
+#include "agent/core/fs/IBlockBitmapChunkProvider.h"
+#include "imaging/Geometry.h"
+#include "imaging/Runs.h"
+#include "imaging/Volume.h"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace imaging {
+
+/// What a walk found.
+struct MapTotals {
+    std::uint64_t used = 0; ///< units
+    std::uint64_t free = 0; ///< units; used and free add up to the volume's units
+
+    /// What does not fit together, a sentence each; empty for a sound volume. A map with warnings is complete and errs
+    /// towards used.
+    std::vector<std::string> warnings;
+};
+
+/// The map of a volume. Where the parser's answer must not be believed, every unit counts as used.
+class VolumeMap {
+public:
+    /// @param volume  must outlive the map
+    /// @throws VolumeError  the volume is not understood, or its parser refuses it; the sentence holds the reason
+    explicit VolumeMap(Volume& volume);
+
+    Geometry const& geometry() const { return geometry_; }
+
+    /// Bytes of the volume that belong to no unit.
+    std::uint64_t bytesPastLastUnit() const;
+
+    /// Called after each chunk with the units done; what it throws ends the walk.
+    using Progress = std::function<void(std::uint64_t units)>;
+
+    /// Walks the whole volume with one chunk in memory. The runs alternate between used and free and cover every unit.
+    /// @throws VolumeError  the parser failed: a negative code is an error with its reason, never "free"
+    MapTotals walk(RunSink const& sink, Progress const& progress = {});
+
+private:
+    void walkParser(RunBuilder& runs, MapTotals& totals, Progress const& progress);
+    void checkSize(MapTotals& totals) const;
+
+    Volume& volume_;
+    Geometry geometry_;
+    std::unique_ptr<agent::core::fs::IBlockBitmapChunkProvider> parser_;
+};
+
+} // namespace imaging

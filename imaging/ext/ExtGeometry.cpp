@@ -1,0 +1,159 @@
+// The ext superblock, as far as imaging must know it.
+#include "imaging/ext/ExtGeometry.h"
+
+#include "imaging/Detection.h"
+#include "imaging/Error.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <string>
+
+namespace imaging::ext {
+
+namespace {
+
+constexpr std::uint64_t kSuperBlockBytes = 1024;
+
+/// The format goes up to 64 KiB blocks (log 6).
+constexpr std::uint32_t kLargestLogBlockSize = 6;
+
+/// Chunks are as long as the descriptor table that the parser reads at each call, between these bounds. A table of the
+/// largest volume that the parser covers (2^32 blocks of 1 KiB, descriptors of 64 bytes) has 32 MiB.
+constexpr std::uint64_t kShortestChunk = std::uint64_t{1} << 20;
+constexpr std::uint64_t kLongestChunk = std::uint64_t{32} << 20;
+
+constexpr std::uint32_t kIncompatJournalDevice = 0x8;
+constexpr std::uint32_t kIncompatMetaBg = 0x10;
+constexpr std::uint32_t kIncompat64Bit = 0x80;
+constexpr std::uint32_t kRoCompatBigalloc = 0x200;
+
+/// The incompatible features under which the block bitmaps keep their place and their meaning: compression, filetype,
+/// recover, extents, 64bit, mmp, flex_bg, ea_inode, dirdata, csum_seed, largedir, inline_data, encrypt, casefold.
+constexpr std::uint32_t kIncompatHarmless =
+    0x1 | 0x2 | 0x4 | 0x40 | 0x80 | 0x100 | 0x200 | 0x400 | 0x1000 | 0x2000 | 0x4000 | 0x8000 | 0x10000 | 0x20000;
+
+/// The fields of the superblock that count here.
+struct Facts {
+    std::uint64_t blocks;
+    std::uint32_t firstDataBlock;
+    std::uint32_t logBlockSize;
+    std::uint32_t blocksPerGroup;
+    std::uint32_t incompatible;
+    std::uint32_t readOnlyCompatible;
+    std::uint32_t descriptorSize;
+
+    std::uint64_t blockSize() const { return std::uint64_t{1024} << logBlockSize; }
+    bool has(std::uint32_t feature) const { return (incompatible & feature) != 0; }
+};
+
+std::uint32_t load(std::span<std::uint8_t const> bytes, std::size_t offset, std::size_t width) {
+    std::uint32_t value = 0;
+    for (std::size_t i = width; i-- > 0;) {
+        value = (value << 8) | bytes[offset + i];
+    }
+    return value;
+}
+
+Facts parse(std::span<std::uint8_t const> super) {
+    Facts facts{};
+    facts.incompatible = load(super, 0x60, 4);
+    facts.blocks = load(super, 0x04, 4);
+    if (facts.has(kIncompat64Bit)) {
+        facts.blocks |= static_cast<std::uint64_t>(load(super, 0x150, 4)) << 32;
+    }
+    facts.firstDataBlock = load(super, 0x14, 4);
+    facts.logBlockSize = load(super, 0x18, 4);
+    facts.blocksPerGroup = load(super, 0x20, 4);
+    facts.readOnlyCompatible = load(super, 0x64, 4);
+    facts.descriptorSize = facts.has(kIncompat64Bit) ? load(super, 0xFE, 2) : 32;
+    return facts;
+}
+
+std::string hexadecimal(std::uint64_t value) {
+    std::array<char, 32> text{};
+    std::snprintf(text.data(), text.size(), "0x%llx", static_cast<unsigned long long>(value));
+    return text.data();
+}
+
+/// One condition under which the parser's map is not the truth.
+struct Limit {
+    bool (*applies)(Facts const&);
+    std::string (*reason)(Facts const&);
+};
+
+/// Every such condition; the first that applies is told.
+constexpr std::array kLimits{
+    Limit{[](Facts const& facts) { return facts.has(kIncompatJournalDevice); },
+          [](Facts const& facts) {
+              return "s_feature_incompat " + hexadecimal(facts.incompatible) +
+                     " has journal_dev (0x8): this is a journal device, which has no block bitmaps";
+          }},
+    Limit{[](Facts const& facts) { return (facts.readOnlyCompatible & kRoCompatBigalloc) != 0; },
+          [](Facts const& facts) {
+              return "s_feature_ro_compat " + hexadecimal(facts.readOnlyCompatible) +
+                     " has bigalloc (0x200): a bit of the bitmaps stands for a cluster of several blocks";
+          }},
+    Limit{[](Facts const& facts) { return facts.has(kIncompatMetaBg); },
+          [](Facts const& facts) {
+              return "s_feature_incompat " + hexadecimal(facts.incompatible) +
+                     " has meta_bg (0x10): the group descriptors do not stand in one table";
+          }},
+    Limit{[](Facts const& facts) { return facts.blocks > 0xFFFFFFFFU; },
+          [](Facts const& facts) {
+              return "s_blocks_count " + std::to_string(facts.blocks) +
+                     " is more than the 4294967295 blocks that the map can number";
+          }},
+    Limit{[](Facts const& facts) { return facts.blocksPerGroup > 8 * facts.blockSize(); },
+          [](Facts const& facts) {
+              return "s_blocks_per_group " + std::to_string(facts.blocksPerGroup) + " is more than the " +
+                     std::to_string(8 * facts.blockSize()) + " bits that a bitmap block holds";
+          }},
+    Limit{[](Facts const& facts) {
+              return (facts.incompatible & ~(kIncompatHarmless | kIncompatMetaBg | kIncompatJournalDevice)) != 0;
+          },
+          [](Facts const& facts) {
+              return "s_feature_incompat " + hexadecimal(facts.incompatible) +
+                     " has a feature that is not known here (" + hexadecimal(facts.incompatible & ~kIncompatHarmless) +
+                     "): the bitmaps may lie elsewhere or mean something else";
+          }},
+};
+
+std::optional<std::string> findLimit(Facts const& facts) {
+    for (Limit const& limit : kLimits) {
+        if (limit.applies(facts)) {
+            return limit.reason(facts);
+        }
+    }
+    return std::nullopt;
+}
+
+std::uint64_t chunkBytes(Facts const& facts) {
+    if (facts.blocksPerGroup == 0) {
+        return kShortestChunk; // the parser refuses such a volume at once
+    }
+    std::uint64_t const groups = facts.blocks / facts.blocksPerGroup + 1;
+    std::uint64_t const table = std::min(groups, kLongestChunk) * facts.descriptorSize;
+    return std::clamp(table, kShortestChunk, kLongestChunk);
+}
+
+} // namespace
+
+Geometry readGeometry(Volume& volume) {
+    if (volume.size() < kHeaderOffset + kSuperBlockBytes) {
+        throw VolumeError(Trouble::NotUnderstood, volume.path() + ": ends at byte " + std::to_string(volume.size()) +
+                                                      ", inside the ext superblock (bytes 1024 to 2047)");
+    }
+    Facts const facts = parse(volume.readBytes(kHeaderOffset, kSuperBlockBytes));
+    std::string const where = volume.path() + ": the ext superblock at byte 1024 describes no volume: ";
+    if (facts.logBlockSize > kLargestLogBlockSize) {
+        throw VolumeError(Trouble::NotUnderstood, where + "s_log_block_size is " + std::to_string(facts.logBlockSize) +
+                                                      ", and blocks go up to 6 (64 KiB)");
+    }
+    if (facts.blocks == 0 || facts.blocks > (std::uint64_t{1} << 63) / facts.blockSize() - 1) {
+        throw VolumeError(Trouble::NotUnderstood, where + "s_blocks_count is " + std::to_string(facts.blocks));
+    }
+    return {facts.blockSize(), facts.blocks, chunkBytes(facts), findLimit(facts)};
+}
+
+} // namespace imaging::ext

@@ -1,0 +1,16 @@
+// What an ext superblock says of the volume's blocks, and of the parser's limits.
+#pragma once
+
+#include "imaging/Geometry.h"
+#include "imaging/Volume.h"
+
+#include <cstdint>
+#include <span>
+
+namespace imaging::ext {
+
+/// Reads the superblock's geometry and holds it against the table of what the ext parser does not interpret.
+/// @throws VolumeError  the superblock cannot be read, is cut off, or describes no volume
+Geometry readGeometry(Volume& volume);
+
+} // namespace imaging::ext
