@@ -181,5 +181,10 @@ int run(int argc, char** argv) {
 } // namespace cli
 
 int main(int argc, char** argv) {
-    return cli::run(argc, argv);
+    try {
+        return cli::run(argc, argv);
+    } catch (...) { // only setting up the command line can get here
+        std::fputs("fsparser: internal error\n", stderr);
+        return cli::kFailure;
+    }
 }

@@ -9,12 +9,9 @@ set(CMAKE_SHARED_LINKER_FLAGS_SANITIZED "" CACHE STRING "Linker flags of sanitiz
 if(FSPARSER_SANITIZERS)
     add_compile_options(-fsanitize=${FSPARSER_SANITIZERS} -fno-sanitize-recover=all)
     add_link_options(-fsanitize=${FSPARSER_SANITIZERS})
-    if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
-        # The vptr check compares type information across the border of the shared libraries.
-        add_link_options(-shared-libsan)
-        execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libclang_rt.asan-x86_64.so
-            OUTPUT_VARIABLE fsparser_asan_runtime OUTPUT_STRIP_TRAILING_WHITESPACE)
-        cmake_path(GET fsparser_asan_runtime PARENT_PATH fsparser_asan_directory)
-        list(APPEND CMAKE_BUILD_RPATH ${fsparser_asan_directory})
-    endif()
+endif()
+
+# Coverage for libFuzzer in every target; only the fuzzers themselves link its main function.
+if(FSPARSER_BUILD_FUZZERS)
+    add_compile_options(-fsanitize=fuzzer-no-link)
 endif()

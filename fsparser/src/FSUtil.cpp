@@ -2,13 +2,14 @@
 #include "agent/core/fs/FSUtil.h"
 
 #include "AllocationLog.h"
-#include "agent/AlignedAllocator.h"
+#include "ZeroedBuffer.h"
 
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <vector>
+#include <limits>
+#include <stdexcept>
 
 namespace agent::core::fs {
 
@@ -23,13 +24,15 @@ constexpr long kLargestPiece = 4194304;
 /// The line that a failed allocation names; part of the message, so it does not move with the code.
 constexpr int kAllocationLine = 81;
 
-using BounceBuffer = std::vector<char, agent::AlignedAllocator<char>>;
+/// What growing a standard vector beyond its greatest size says; callers know this failure by it.
+constexpr char const* kTooLong = "vector::_M_default_append";
 
-BounceBuffer makeBounceBuffer(Logger& logger, unsigned long size, unsigned long alignment) {
+ZeroedBuffer makeBounceBuffer(Logger& logger, unsigned long size, unsigned long alignment) {
     try {
-        BounceBuffer buffer{agent::AlignedAllocator<char>(alignment)};
-        buffer.resize(size);
-        return buffer;
+        if (size > static_cast<unsigned long>(std::numeric_limits<long>::max())) {
+            throw std::length_error(kTooLong);
+        }
+        return ZeroedBuffer(size, alignment);
     } catch (std::exception const& error) {
         logFailedAllocation(logger, size, alignment, kAllocationLine, __FILE__, error);
         throw;
@@ -64,7 +67,7 @@ long fs_seek_read_aligned(Logger& logger, agent::core::IVolumeReader const& volu
     auto const lead = static_cast<std::uint32_t>(offset % alignment);
     // A length of 0 wraps here: at a unit's start it gives a size of 0, elsewhere one unit.
     unsigned long const size = ((lead + length - 1) / alignment + 1) * alignment;
-    BounceBuffer bounce = makeBounceBuffer(logger, size, alignment);
+    ZeroedBuffer bounce = makeBounceBuffer(logger, size, alignment);
 
     if (volume.seek(static_cast<long>(start), SEEK_SET) == -1) {
         return -1;

@@ -11,22 +11,26 @@ namespace agent::core::fs {
 /// A block of zeroed bytes. A size that the disk claims and the volume cannot fill takes addresses, not memory.
 class ZeroedBuffer {
 public:
-    /// @throws std::bad_alloc  the addresses cannot be had
-    explicit ZeroedBuffer(std::size_t size)
-        : memory_(static_cast<std::uint8_t*>(agent::allocateAligned(size, kAlignment))), size_(size) {}
+    /// @param alignment  bytes, a power of two
+    /// @throws std::bad_alloc         the addresses cannot be had
+    /// @throws std::invalid_argument  the alignment is no power of two and the size is not 0
+    explicit ZeroedBuffer(std::size_t size, std::size_t alignment = kCacheLine)
+        : memory_(size == 0 ? nullptr : static_cast<std::uint8_t*>(agent::allocateAligned(size, alignment))),
+          size_(size), alignment_(alignment) {}
     ZeroedBuffer(ZeroedBuffer const&) = delete;
     ZeroedBuffer& operator=(ZeroedBuffer const&) = delete;
-    ~ZeroedBuffer() { agent::deallocateAligned(memory_, size_, kAlignment); }
+    ~ZeroedBuffer() { agent::deallocateAligned(memory_, size_, alignment_); }
 
     std::uint8_t* data() { return memory_; }
     std::size_t size() const { return size_; }
     std::span<std::uint8_t const> bytes() const { return {memory_, size_}; }
 
 private:
-    static constexpr std::size_t kAlignment = 64; // a cache line
+    static constexpr std::size_t kCacheLine = 64;
 
-    std::uint8_t* memory_;
+    std::uint8_t* memory_; // null when the size is 0
     std::size_t size_;
+    std::size_t alignment_;
 };
 
 } // namespace agent::core::fs
