@@ -36,10 +36,10 @@ inline constexpr std::uint32_t kExt64Bit = 0x80;
 /// The shape of a volume. The defaults give three groups, the last of them short, in a volume of few kilobytes of
 /// metadata.
 struct ExtGeometry {
-    std::uint32_t logBlockSize = 0;    ///< 1 KiB blocks: the smallest, and the only size with a first data block of 1
-    std::uint32_t firstDataBlock = 1;  ///< what goes with 1 KiB blocks
+    std::uint32_t logBlockSize = 0;      ///< 1 KiB blocks: the smallest, and the only size with a first data block of 1
+    std::uint32_t firstDataBlock = 1;    ///< what goes with 1 KiB blocks
     std::uint32_t blocksPerGroup = 8192; ///< one bitmap block's worth of bits, as mkfs chooses it
-    std::uint32_t blocksCount = 20000; ///< not a multiple of anything, so that the last group is short
+    std::uint32_t blocksCount = 20000;   ///< not a multiple of anything, so that the last group is short
     bool is64Bit = false;
     std::uint16_t descriptorSize = 0; ///< stored as it is; in force with is64Bit only. 0 is what 32-bit volumes hold
 

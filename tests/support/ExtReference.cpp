@@ -63,8 +63,7 @@ private:
     bool read(std::uint64_t offset, SparseBytes& destination) {
         std::uint64_t const from = offset / request_.alignment * request_.alignment;
         std::uint64_t const lead = offset % request_.alignment;
-        std::uint64_t const size =
-            ((lead + destination.size - 1) / request_.alignment + 1) * request_.alignment;
+        std::uint64_t const size = ((lead + destination.size - 1) / request_.alignment + 1) * request_.alignment;
         outcome.calls.push_back(seekCall(static_cast<long>(from)));
         if (static_cast<long>(from) < 0) {
             return false;
