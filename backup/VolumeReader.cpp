@@ -15,7 +15,8 @@ using agent::info::Logger;
 
 class AGENT_LOCAL VolumeReader::Impl {
 public:
-    Impl(Logger& logger, std::string const& path);
+    /// Closed, and nothing measured.
+    Impl(Logger& logger, std::string const& path) : logger_(&logger), path_(path) {}
     Impl(Impl const&) = delete;
     Impl& operator=(Impl const&) = delete;
     ~Impl() { close(); }
@@ -29,8 +30,10 @@ public:
     long size() const { return size_; }
     int lastError() const { return lastError_; }
 
-private:
+    /// Opens, measures, and closes again. Whatever is thrown, the destructor closes.
     void measure();
+
+private:
     void close();
 
     Logger* logger_;
@@ -40,13 +43,6 @@ private:
     long position_ = 0; // the offset argument of the last successful seek
     int lastError_ = 0;
 };
-
-VolumeReader::Impl::Impl(Logger& logger, std::string const& path) : logger_(&logger), path_(path) {
-    if (!open()) {
-        throw PosixError("Unable to open block device to calculate size", lastError_);
-    }
-    measure();
-}
 
 bool VolumeReader::Impl::open() {
     descriptor_ = ::open(path_.c_str(), O_RDONLY | O_DIRECT);
@@ -66,6 +62,9 @@ bool VolumeReader::Impl::open() {
 }
 
 void VolumeReader::Impl::measure() {
+    if (!open()) {
+        throw PosixError("Unable to open block device to calculate size", lastError_);
+    }
     long const end = seek(0, SEEK_END);
     if (end != -1) {
         size_ = end;
@@ -116,7 +115,9 @@ long VolumeReader::Impl::read(void* buffer, long length) {
     return result;
 }
 
-VolumeReader::VolumeReader(Logger& logger, std::string const& path) : impl_(std::make_unique<Impl>(logger, path)) {}
+VolumeReader::VolumeReader(Logger& logger, std::string const& path) : impl_(std::make_unique<Impl>(logger, path)) {
+    impl_->measure();
+}
 
 VolumeReader::~VolumeReader() = default;
 

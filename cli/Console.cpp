@@ -8,17 +8,26 @@ namespace cli {
 
 using agent::info::Level;
 
+namespace {
+
+/// Where standard error is closed or full, nobody can be told, and the exit code still says what happened.
+void say(std::string const& line) {
+    std::fputs(line.c_str(), stderr);
+}
+
+} // namespace
+
 bool Console::isEnabled(Level level) const {
     return verbosity_ >= (level == Level::Debug ? Verbosity::Debug : Verbosity::Warnings);
 }
 
 void Console::write(Level level, std::string const& text) {
     char const* const name = level == Level::Error ? "error" : level == Level::Warning ? "warning" : "debug";
-    fmt::print(stderr, "[{}] {}\n", name, text);
+    say(fmt::format("[{}] {}\n", name, text));
 }
 
 void Console::error(std::string const& sentence) const {
-    fmt::print(stderr, "fsparser: {}\n", sentence);
+    say(fmt::format("fsparser: {}\n", sentence));
 }
 
 void Console::warnings(std::vector<std::string> const& sentences) const {
@@ -26,7 +35,7 @@ void Console::warnings(std::vector<std::string> const& sentences) const {
         return;
     }
     for (std::string const& sentence : sentences) {
-        fmt::print(stderr, "fsparser: warning: {}\n", sentence);
+        say(fmt::format("fsparser: warning: {}\n", sentence));
     }
 }
 

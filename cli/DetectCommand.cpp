@@ -18,7 +18,7 @@ ExitCode runDetect(Options const& options, Console& console) {
         fmt::print("{}\n", imaging::fileSystemName(volume.fileSystem()));
     }
     if (volume.fileSystem() == agent::core::fs::kUnrecognized) {
-        console.error(imaging::unrecognizedSentence(volume.path()));
+        console.error(imaging::unrecognizedSentence(volume.path(), volume.refusal()));
         return kNotUnderstood;
     }
     return kOk;

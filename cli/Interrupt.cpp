@@ -18,10 +18,17 @@ extern "C" void onInterrupt(int) {
 } // namespace
 
 void catchInterrupt() {
-    struct sigaction action {};
-    action.sa_handler = onInterrupt;
-    action.sa_flags = static_cast<int>(SA_RESETHAND | SA_RESTART);
-    ::sigaction(SIGINT, &action, nullptr);
+    for (int const number : {SIGINT, SIGTERM, SIGHUP}) {
+        struct sigaction before {};
+        ::sigaction(number, nullptr, &before);
+        if (before.sa_handler == SIG_IGN) {
+            continue; // whoever started this wants it to go on
+        }
+        struct sigaction action {};
+        action.sa_handler = onInterrupt;
+        action.sa_flags = static_cast<int>(SA_RESETHAND | SA_RESTART);
+        ::sigaction(number, &action, nullptr);
+    }
 }
 
 void checkInterrupt(std::uint64_t) {

@@ -12,8 +12,14 @@ namespace cli {
 
 namespace {
 
-/// The title above the picture, the legend below it, and the line where the prompt comes back.
-constexpr std::size_t kOtherLines = 3;
+/// Characters of the title beside the volume's path, at most, and of the legend.
+constexpr std::size_t kTitleCharacters = 64;
+constexpr std::size_t kLegendCharacters = 64;
+
+/// Lines of the window that the title above the picture, the legend below it and the returning prompt take.
+std::size_t otherLines(std::string const& path, std::size_t columns) {
+    return (path.size() + kTitleCharacters - 1) / columns + 1 + (kLegendCharacters - 1) / columns + 1 + 1;
+}
 
 struct Picture {
     std::size_t columns;
@@ -22,7 +28,8 @@ struct Picture {
 
 Picture pictureSize(Options const& options) {
     WindowSize const window = windowSize();
-    std::size_t const lines = window.lines > kOtherLines ? window.lines - kOtherLines : 1;
+    std::size_t const others = otherLines(options.volume, window.columns);
+    std::size_t const lines = window.lines > others ? window.lines - others : 1;
     return {options.columns != 0 ? options.columns : window.columns, options.lines != 0 ? options.lines : lines};
 }
 

@@ -19,14 +19,14 @@ imaging::MapTotals printText(imaging::VolumeMap& map) {
     return map.walk(print, checkInterrupt);
 }
 
-/// The document is written as the walk goes: a volume may have more runs than memory holds. When the walk fails, the
-/// document stays without its end, so that nobody takes it for whole.
+/// The document is written as the walk goes: a volume may have more runs than memory holds. Nothing is written before
+/// the first run is known; when the walk fails later, the document stays without its end, so that nobody takes it for
+/// whole.
 imaging::MapTotals printJson(imaging::Volume const& volume, imaging::VolumeMap& map) {
     Json head = beginDocument("ranges", volume);
     addGeometry(head, volume, map.geometry());
     std::string const text = dumpDocument(head);
-    fmt::print("{},\"ranges\":[", text.substr(0, text.size() - 1));
-    char const* separator = "\n";
+    std::string separator = text.substr(0, text.size() - 1) + ",\"ranges\":[\n";
     auto const print = [&separator](imaging::Run const& run) {
         if (run.used) {
             fmt::print("{}{{\"first\":{},\"count\":{}}}", separator, run.first, run.count);
@@ -34,7 +34,7 @@ imaging::MapTotals printJson(imaging::Volume const& volume, imaging::VolumeMap& 
         }
     };
     imaging::MapTotals totals = map.walk(print, checkInterrupt);
-    fmt::print("]");
+    fmt::print("{}]", totals.used == 0 ? separator : "\n");
     if (!totals.warnings.empty()) {
         fmt::print(",\"warnings\":{}", dumpDocument(Json(totals.warnings)));
     }

@@ -46,7 +46,15 @@ std::string humanSize(std::uint64_t bytes) {
         size /= 1024;
         ++unit;
     }
-    return fmt::format("{:.3g} {}", size, units.at(unit));
+    int const decimals = size < 10 ? 2 : size < 100 ? 1 : 0;
+    std::string number = fmt::format("{:.{}f}", size, decimals);
+    if (decimals != 0) { // "64", not "64.0"
+        number.erase(number.find_last_not_of('0') + 1);
+        if (number.back() == '.') {
+            number.pop_back();
+        }
+    }
+    return number + ' ' + units.at(unit);
 }
 
 } // namespace cli

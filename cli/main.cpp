@@ -12,6 +12,7 @@
 #include <functional>
 #include <map>
 #include <new>
+#include <system_error>
 
 namespace cli {
 
@@ -43,6 +44,9 @@ Examples:
 
 /// The largest alignment that is taken: no device asks for more.
 constexpr std::uint64_t kLargestAlignment = std::uint64_t{1} << 30;
+
+/// The longest side of a picture: enough for any terminal, and memory stays small.
+constexpr int kMostCells = 500;
 
 /// What a parsed command line asks for.
 struct Request {
@@ -90,14 +94,13 @@ void addMap(CLI::App& app, Request& request) {
         {"auto", ColorChoice::Auto}, {"always", ColorChoice::Always}, {"never", ColorChoice::Never}};
     map->add_option("--color", options.color, "auto, always or never (default: auto; NO_COLOR is honoured)")
         ->type_name("WHEN")
-        ->transform(CLI::Transformer(choices).description(""))
-        ->check(CLI::IsMember({0, 1, 2}).description(""));
+        ->transform(CLI::CheckedTransformer(choices).description(""));
     map->add_option("--width", options.columns, "cells in a line (default: the window's)")
         ->type_name("N")
-        ->check(CLI::Range(1, 10000).description(""));
+        ->check(CLI::Range(1, kMostCells).description(""));
     map->add_option("--height", options.lines, "lines of the picture (default: the window's)")
         ->type_name("N")
-        ->check(CLI::Range(1, 10000).description(""));
+        ->check(CLI::Range(1, kMostCells).description(""));
     map->add_flag("--ascii", options.ascii, "draw with ASCII characters only");
     map->footer("Example:\n  fsparser map --width 64 --height 8 disk.img\n");
 }
@@ -153,6 +156,9 @@ ExitCode execute(Request const& request) {
         return kInterrupted;
     } catch (std::bad_alloc const&) {
         console.error(request.options.volume + ": there is not enough memory for what its header asks for");
+        return kFailure;
+    } catch (std::system_error const& error) { // only printing throws it
+        console.error("standard output: cannot be written: " + error.code().message());
         return kFailure;
     } catch (std::exception const& error) {
         console.error(request.options.volume + ": " + error.what());

@@ -14,20 +14,21 @@ using namespace agent::core::fs;
 
 namespace {
 
-int detectAt(agent::info::Logger& logger, agent::core::IVolumeReader const& volume, std::uint64_t alignment,
+int detectAt(ReasonLogger& logger, agent::core::IVolumeReader const& volume, std::uint64_t alignment,
              std::uint64_t offset) {
     std::array<char, kSectorBytes> buffer{};
     unsigned long bytesRead = 0;
     if (fs_seek_read_aligned(logger, volume, alignment, offset, buffer.data(), buffer.size(), &bytesRead) != 0) {
-        throw VolumeError(Trouble::Io, volume.getVolumePath() + ": cannot be read at byte " + std::to_string(offset));
+        throw VolumeError(Trouble::Io, volume.getVolumePath() + ": cannot be read at byte " + std::to_string(offset) +
+                                           ": " + logger.takeReason("the read failed"));
     }
     return FileSystemType(logger).getFileSystemType(buffer.data());
 }
 
 } // namespace
 
-FileSystemCode detectFileSystem(agent::info::Logger& logger, agent::core::IVolumeReader const& volume,
-                                std::uint64_t alignment, std::uint64_t size) {
+FileSystemCode detectFileSystem(ReasonLogger& logger, agent::core::IVolumeReader const& volume, std::uint64_t alignment,
+                                std::uint64_t size) {
     // A match of a test that expects other bytes means nothing and is passed over.
     int const sector = detectAt(logger, volume, alignment, 0);
     if (sector == kNtfs || sector == kFat32) {
@@ -60,9 +61,11 @@ char const* fileSystemName(FileSystemCode code) {
     return "unrecognized";
 }
 
-std::string unrecognizedSentence(std::string const& path) {
-    return path + ": holds no file system that is understood: neither the first sector (byte 0) nor the header at byte "
-                  "1024 is recognised";
+std::string unrecognizedSentence(std::string const& path, std::string const& refusal) {
+    return path +
+           ": holds no file system that is understood: neither the first sector (byte 0) nor the header at byte "
+           "1024 is recognised" +
+           (refusal.empty() ? "" : " (" + refusal + ")");
 }
 
 } // namespace imaging

@@ -3,7 +3,7 @@
 
 #include "agent/core/IVolumeReader.h"
 #include "agent/core/fs/IFileSystemType.h"
-#include "agent/info/Logger.h"
+#include "imaging/ReasonLogger.h"
 
 #include <cstdint>
 #include <string>
@@ -20,13 +20,14 @@ inline constexpr std::uint64_t kHeaderOffset = 1024;
 /// what stands at byte 1024 for ext and HFS+; the first that matches in the detector's own order wins.
 /// @param size  bytes of the volume, at least kSectorBytes
 /// @throws VolumeError  the volume cannot be read there; `path` begins the sentence
-agent::core::fs::FileSystemCode detectFileSystem(agent::info::Logger& logger, agent::core::IVolumeReader const& volume,
+agent::core::fs::FileSystemCode detectFileSystem(ReasonLogger& logger, agent::core::IVolumeReader const& volume,
                                                  std::uint64_t alignment, std::uint64_t size);
 
 /// A short name, as the command prints it: "ntfs", "fat32", "ext", "hfs+", "xfs", or "unrecognized".
 char const* fileSystemName(agent::core::fs::FileSystemCode code);
 
 /// What to say of a volume in which nothing was recognised.
-std::string unrecognizedSentence(std::string const& path);
+/// @param refusal  what the detector found wrong with it, or empty
+std::string unrecognizedSentence(std::string const& path, std::string const& refusal);
 
 } // namespace imaging

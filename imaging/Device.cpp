@@ -19,13 +19,20 @@ namespace {
 /// Safe on every device in use: the sector of 4K-native disks and the page of x86-64.
 constexpr std::uint64_t kSafeAlignment = 4096;
 
+/// Enough where the path refused direct I/O: the smallest sector, so that few volumes end inside a unit.
+constexpr std::uint64_t kBufferedAlignment = 512;
+
 std::uint64_t fileAlignment(int descriptor) {
+    int const flags = ::fcntl(descriptor, F_GETFL);
+    if (flags != -1 && (flags & O_DIRECT) == 0) {
+        return kBufferedAlignment;
+    }
 #ifdef STATX_DIOALIGN
     struct statx facts {};
     if (::statx(descriptor, "", AT_EMPTY_PATH, STATX_DIOALIGN, &facts) == 0 && (facts.stx_mask & STATX_DIOALIGN) != 0) {
         std::uint64_t const alignment = std::max(facts.stx_dio_offset_align, facts.stx_dio_mem_align);
         if (std::has_single_bit(alignment)) {
-            return std::max<std::uint64_t>(alignment, 512);
+            return std::max<std::uint64_t>(alignment, kBufferedAlignment);
         }
     }
 #endif

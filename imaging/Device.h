@@ -11,7 +11,7 @@ namespace imaging {
 void requireVolumePath(std::string const& path);
 
 /// The granularity in bytes, a power of two, that direct I/O on an open file asks for: the logical sector of a block
-/// device; for a file what its file system states, or 4096 when it states nothing.
+/// device; for a file what its file system states, or 4096 when it states nothing, or 512 without direct I/O.
 std::uint64_t directIoAlignment(int descriptor);
 
 } // namespace imaging

@@ -13,6 +13,9 @@ struct Geometry {
     std::uint64_t units = 0;      ///< units of the volume, numbered from 0; unitSize * units fits 63 bits
     std::uint64_t chunkBytes = 0; ///< how long a chunk must be so that what the parser reads again is no burden
 
+    /// Whether only a request from unit 0 is answered rightly: the whole map is asked for at once then.
+    bool isOneRequest = false;
+
     /// Why the parser's map is not the truth here, as one clause with field and value; then every unit counts as used.
     std::optional<std::string> notBelieved = std::nullopt;
 };

@@ -70,6 +70,7 @@ void OutputFile::write(std::span<std::uint8_t const> bytes) {
             continue;
         }
         if (count <= 0) {
+            errno = count == 0 ? ENOSPC : errno;
             fail("cannot be written");
         }
         bytes = bytes.subspan(static_cast<std::size_t>(count));
@@ -92,8 +93,9 @@ void OutputFile::commit() {
     }
 }
 
-void OutputFile::fail(std::string const& what) const {
-    throw VolumeError(Trouble::Io, path_ + ": " + what + ": " + agent::PosixError::strerror(errno));
+void OutputFile::fail(char const* what) const {
+    int const error = errno;
+    throw VolumeError(Trouble::Io, path_ + ": " + what + ": " + agent::PosixError::strerror(error));
 }
 
 } // namespace imaging

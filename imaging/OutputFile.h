@@ -28,7 +28,7 @@ public:
     void commit();
 
 private:
-    [[noreturn]] void fail(std::string const& what) const;
+    [[noreturn]] void fail(char const* what) const;
 
     std::string path_;
     std::string temporary_;

@@ -39,6 +39,8 @@ void Volume::detect() {
                                                       ", before the end of a first sector (512 bytes)");
     }
     code_ = detectFileSystem(logger_, *strict_, alignment_, size_);
+    // What a test found wrong with bytes that another one recognised is no reason for anything later.
+    refusal_ = logger_.takeReason("");
 }
 
 std::vector<std::uint8_t> Volume::readBytes(std::uint64_t offset, std::uint64_t length) {

@@ -36,6 +36,9 @@ public:
     /// What the library's detector found.
     agent::core::fs::FileSystemCode fileSystem() const { return code_; }
 
+    /// What the detector found wrong with a file system that it nearly recognised; may be empty.
+    std::string const& refusal() const { return refusal_; }
+
     /// The reader that parsers are given: bytes that are not there are an error.
     StrictReader& reader() { return *strict_; }
 
@@ -56,6 +59,7 @@ private:
     std::uint64_t size_ = 0;
     std::optional<agent::core::backup::VolumeReader> device_;
     std::optional<StrictReader> strict_;
+    std::string refusal_;
     agent::core::fs::FileSystemCode code_ = agent::core::fs::kUnrecognized;
 };
 

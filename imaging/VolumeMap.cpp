@@ -1,8 +1,6 @@
 // Walking a parser's bitmap, and checking that it covers the volume.
 #include "imaging/VolumeMap.h"
 
-#include "agent/core/fs/EXTParser.h"
-#include "agent/core/fs/UnrecognizedParser.h"
 #include "imaging/Detection.h"
 #include "imaging/Error.h"
 #include "imaging/ext/ExtGeometry.h"
@@ -15,48 +13,55 @@ using namespace agent::core::fs;
 
 namespace {
 
-Geometry readGeometry(Volume& volume) {
+/// The unit of a volume whose own is not known.
+constexpr std::uint64_t kFallbackUnit = 4096;
+constexpr std::uint64_t kFallbackChunk = std::uint64_t{1} << 20;
+
+Answerer openFileSystem(Volume& volume) {
     switch (volume.fileSystem()) {
     case kExt:
-        return ext::readGeometry(volume);
+        return ext::open(volume);
     case kUnrecognized:
-        throw VolumeError(Trouble::NotUnderstood, unrecognizedSentence(volume.path()));
+        throw VolumeError(Trouble::NotUnderstood, unrecognizedSentence(volume.path(), volume.refusal()));
     default:
         throw VolumeError(Trouble::NotUnderstood, volume.path() + ": holds " + fileSystemName(volume.fileSystem()) +
                                                       ", whose map this version does not read");
     }
 }
 
-std::unique_ptr<IBlockBitmapChunkProvider> makeParser(Volume& volume, Geometry const& geometry) {
-    if (geometry.notBelieved) {
-        return std::make_unique<UnrecognizedParser>(geometry.units);
-    }
+Answerer openOrAllUsed(Volume& volume, VolumeMap::Refused refused) {
     try {
-        return std::make_unique<EXTParser>(volume.logger(), static_cast<unsigned>(volume.alignment()), volume.reader());
-    } catch (std::runtime_error const& error) {
-        throw VolumeError(Trouble::Io, volume.path() + ": " + volume.logger().takeReason(error.what()));
+        return openFileSystem(volume);
+    } catch (VolumeError const& error) {
+        if (refused == VolumeMap::Refused::IsError || volume.fileSystem() == kUnrecognized) {
+            throw;
+        }
+        Geometry geometry;
+        geometry.unitSize = volume.size() < kFallbackUnit ? kSectorBytes : kFallbackUnit;
+        geometry.units = volume.size() / geometry.unitSize; // what is left lies past the last unit
+        geometry.chunkBytes = kFallbackChunk;
+        geometry.notBelieved = std::string("the volume is refused (") + error.what() + ")";
+        return allUsed(std::move(geometry));
     }
 }
 
 } // namespace
 
-VolumeMap::VolumeMap(Volume& volume) : volume_(volume), geometry_(readGeometry(volume)) {
-    if (volume_.size() < geometry_.units * geometry_.unitSize) {
+VolumeMap::VolumeMap(Volume& volume, Refused refused) : volume_(volume), answerer_(openOrAllUsed(volume, refused)) {
+    if (volume_.size() < coveredBytes()) {
         volume_.reader().forbidTail(); // the last unit of a truncated volume may cut through a bitmap
     }
-    parser_ = makeParser(volume_, geometry_);
 }
 
 std::uint64_t VolumeMap::bytesPastLastUnit() const {
-    std::uint64_t const covered = geometry_.units * geometry_.unitSize;
-    return volume_.size() > covered ? volume_.size() - covered : 0;
+    return volume_.size() > coveredBytes() ? volume_.size() - coveredBytes() : 0;
 }
 
 MapTotals VolumeMap::walk(RunSink const& sink, Progress const& progress) {
     MapTotals totals;
     RunBuilder runs(sink);
-    if (geometry_.notBelieved) {
-        totals.warnings.push_back(volume_.path() + ": " + *geometry_.notBelieved + "; every unit counts as used");
+    if (geometry().notBelieved) {
+        totals.warnings.push_back(volume_.path() + ": " + *geometry().notBelieved + "; every unit counts as used");
     }
     checkSize(totals);
     walkParser(runs, totals, progress);
@@ -67,7 +72,7 @@ MapTotals VolumeMap::walk(RunSink const& sink, Progress const& progress) {
 }
 
 void VolumeMap::checkSize(MapTotals& totals) const {
-    std::uint64_t const covered = geometry_.units * geometry_.unitSize;
+    std::uint64_t const covered = coveredBytes();
     if (volume_.size() < covered) {
         totals.warnings.push_back(volume_.path() + ": ends at byte " + std::to_string(volume_.size()) + ", " +
                                   std::to_string(covered - volume_.size()) + " bytes before the end of its " +
@@ -75,25 +80,37 @@ void VolumeMap::checkSize(MapTotals& totals) const {
     }
 }
 
-void VolumeMap::walkParser(RunBuilder& runs, MapTotals& totals, Progress const& progress) {
-    BitOrder const order =
-        parser_->isMostSignificantBitFirst() ? BitOrder::MostSignificantFirst : BitOrder::LeastSignificantFirst;
-    std::uint64_t const units = geometry_.units;
-    std::vector<char> chunk(std::clamp<std::uint64_t>((units + 7) / 8, 1, geometry_.chunkBytes));
-    while (runs.units() < units) {
-        long const count = parser_->getChunk(runs.units(), chunk.data(), chunk.size());
-        if (count < 0) {
-            throw VolumeError(Trouble::Io, volume_.path() + ": the map cannot be read from unit " +
-                                               std::to_string(runs.units()) +
-                                               " on: " + volume_.logger().takeReason("code " + std::to_string(count)));
+std::uint64_t VolumeMap::nextChunk(std::uint64_t unit, std::vector<char>& chunk) {
+    std::string const where = volume_.path() + ": the map cannot be read from unit " + std::to_string(unit) + " on: ";
+    try {
+        long const count = answerer_.provider->getChunk(unit, chunk.data(), chunk.size());
+        if (count >= 0) {
+            return static_cast<std::uint64_t>(count);
         }
+        throw VolumeError(Trouble::Io, where + volume_.logger().takeReason("code " + std::to_string(count)));
+    } catch (VolumeError const&) {
+        throw;
+    } catch (std::runtime_error const& error) {
+        throw VolumeError(Trouble::Io, where + error.what());
+    }
+}
+
+void VolumeMap::walkParser(RunBuilder& runs, MapTotals& totals, Progress const& progress) {
+    BitOrder const order = answerer_.provider->isMostSignificantBitFirst() ? BitOrder::MostSignificantFirst
+                                                                           : BitOrder::LeastSignificantFirst;
+    std::uint64_t const units = geometry().units;
+    std::uint64_t const wholeMap = (units + 7) / 8;
+    std::vector<char> chunk(geometry().isOneRequest ? wholeMap : std::min(wholeMap, geometry().chunkBytes));
+    while (runs.units() < units) {
+        bool const mayAsk = runs.units() == 0 || !geometry().isOneRequest;
+        std::uint64_t const count = mayAsk ? nextChunk(runs.units(), chunk) : 0;
         if (count == 0) {
             totals.warnings.push_back(volume_.path() + ": the map ends at unit " + std::to_string(runs.units()) +
                                       " of " + std::to_string(units) + "; the rest counts as used");
             runs.addRun(units - runs.units(), true);
             return;
         }
-        auto const known = std::min(static_cast<std::uint64_t>(count), units - runs.units());
+        std::uint64_t const known = std::min(count, units - runs.units());
         runs.addBits({reinterpret_cast<std::uint8_t const*>(chunk.data()), chunk.size()}, known, order);
         if (progress) {
             progress(runs.units());

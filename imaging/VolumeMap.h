@@ -1,8 +1,7 @@
 // Used and free units of a volume, as runs.
 #pragma once
 
-#include "agent/core/fs/IBlockBitmapChunkProvider.h"
-#include "imaging/Geometry.h"
+#include "imaging/Answerer.h"
 #include "imaging/Runs.h"
 #include "imaging/Volume.h"
 
@@ -27,11 +26,16 @@ struct MapTotals {
 /// The map of a volume. Where the parser's answer must not be believed, every unit counts as used.
 class VolumeMap {
 public:
-    /// @param volume  must outlive the map
-    /// @throws VolumeError  the volume is not understood, or its parser refuses it; the sentence holds the reason
-    explicit VolumeMap(Volume& volume);
+    /// What to do with a volume that its parser refuses.
+    enum class Refused { IsError, CountsAsUsed };
 
-    Geometry const& geometry() const { return geometry_; }
+    /// @param volume   must outlive the map
+    /// @param refused  CountsAsUsed: a volume whose file system was detected and whose parser refuses it gets a map in
+    ///     which everything is used, with a warning
+    /// @throws VolumeError  the volume is not understood, or its parser refuses it; the sentence holds the reason
+    explicit VolumeMap(Volume& volume, Refused refused = Refused::IsError);
+
+    Geometry const& geometry() const { return answerer_.geometry; }
 
     /// Bytes of the volume that belong to no unit.
     std::uint64_t bytesPastLastUnit() const;
@@ -44,12 +48,13 @@ public:
     MapTotals walk(RunSink const& sink, Progress const& progress = {});
 
 private:
+    std::uint64_t coveredBytes() const { return geometry().units * geometry().unitSize; }
+    std::uint64_t nextChunk(std::uint64_t unit, std::vector<char>& chunk);
     void walkParser(RunBuilder& runs, MapTotals& totals, Progress const& progress);
     void checkSize(MapTotals& totals) const;
 
     Volume& volume_;
-    Geometry geometry_;
-    std::unique_ptr<agent::core::fs::IBlockBitmapChunkProvider> parser_;
+    Answerer answerer_;
 };
 
 } // namespace imaging

@@ -13,9 +13,12 @@ namespace agent::core::fs {
 inline void logFailedAllocation(agent::info::Logger& logger, unsigned long size, unsigned long alignment, int line,
                                 std::string_view sourcePath, std::exception const& error) {
     std::string_view const baseName = sourcePath.substr(sourcePath.find_last_of("/\\") + 1);
-    agent::info::Logger::Entry(logger, agent::info::Level::Debug)
-        << "Failed to create aligned memory of size: " << size << ", alignment: " << alignment << " from line: " << line
-        << " in file: " << baseName << ", error: " << error.what();
+    try {
+        agent::info::Logger::Entry(logger, agent::info::Level::Debug)
+            << "Failed to create aligned memory of size: " << size << ", alignment: " << alignment
+            << " from line: " << line << " in file: " << baseName << ", error: " << error.what();
+    } catch (...) { // NOLINT(bugprone-empty-catch): the failed allocation is what the caller must hear of
+    }
 }
 
 } // namespace agent::core::fs

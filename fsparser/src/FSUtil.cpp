@@ -49,7 +49,8 @@ long fs_chunk_read(agent::core::IVolumeReader const& volume, void* buffer, long 
         if (result == -1) {
             return -1;
         }
-        *bytesRead += result;
+        // Unsigned, so that a reader with absurd answers cannot overflow it.
+        *bytesRead = static_cast<long>(static_cast<unsigned long>(*bytesRead) + static_cast<unsigned long>(result));
         // By the piece, not by what was read, on purpose: short reads are the reader's to report.
         destination += piece;
         remaining -= piece;

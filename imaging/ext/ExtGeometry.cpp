@@ -1,11 +1,15 @@
 // The ext superblock, as far as imaging must know it.
 #include "imaging/ext/ExtGeometry.h"
 
+#include "agent/core/fs/EXTParser.h"
 #include "imaging/Detection.h"
 #include "imaging/Error.h"
+#include "imaging/LittleEndian.h"
+#include "imaging/ext/ExtDescriptors.h"
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstdio>
 #include <string>
 
@@ -39,34 +43,34 @@ struct Facts {
     std::uint32_t firstDataBlock;
     std::uint32_t logBlockSize;
     std::uint32_t blocksPerGroup;
+    std::uint32_t clustersPerGroup;
     std::uint32_t incompatible;
     std::uint32_t readOnlyCompatible;
     std::uint32_t descriptorSize;
 
     std::uint64_t blockSize() const { return std::uint64_t{1024} << logBlockSize; }
+    /// With 1 KiB blocks the superblock fills block 1, with larger ones it lies in block 0.
+    std::uint32_t usualFirstDataBlock() const { return logBlockSize == 0 ? 1 : 0; }
     bool has(std::uint32_t feature) const { return (incompatible & feature) != 0; }
 };
 
-std::uint32_t load(std::span<std::uint8_t const> bytes, std::size_t offset, std::size_t width) {
-    std::uint32_t value = 0;
-    for (std::size_t i = width; i-- > 0;) {
-        value = (value << 8) | bytes[offset + i];
-    }
-    return value;
+std::uint32_t load32(std::span<std::uint8_t const> super, std::size_t offset) {
+    return static_cast<std::uint32_t>(load(super, offset, 4));
 }
 
 Facts parse(std::span<std::uint8_t const> super) {
     Facts facts{};
-    facts.incompatible = load(super, 0x60, 4);
-    facts.blocks = load(super, 0x04, 4);
+    facts.incompatible = load32(super, 0x60);
+    facts.blocks = load32(super, 0x04);
     if (facts.has(kIncompat64Bit)) {
-        facts.blocks |= static_cast<std::uint64_t>(load(super, 0x150, 4)) << 32;
+        facts.blocks |= load(super, 0x150, 4) << 32;
     }
-    facts.firstDataBlock = load(super, 0x14, 4);
-    facts.logBlockSize = load(super, 0x18, 4);
-    facts.blocksPerGroup = load(super, 0x20, 4);
-    facts.readOnlyCompatible = load(super, 0x64, 4);
-    facts.descriptorSize = facts.has(kIncompat64Bit) ? load(super, 0xFE, 2) : 32;
+    facts.firstDataBlock = load32(super, 0x14);
+    facts.logBlockSize = load32(super, 0x18);
+    facts.blocksPerGroup = load32(super, 0x20);
+    facts.clustersPerGroup = load32(super, 0x24);
+    facts.readOnlyCompatible = load32(super, 0x64);
+    facts.descriptorSize = facts.has(kIncompat64Bit) ? static_cast<std::uint32_t>(load(super, 0xFE, 2)) : 32;
     return facts;
 }
 
@@ -117,6 +121,25 @@ constexpr std::array kLimits{
                      " has a feature that is not known here (" + hexadecimal(facts.incompatible & ~kIncompatHarmless) +
                      "): the bitmaps may lie elsewhere or mean something else";
           }},
+    Limit{[](Facts const& facts) { return facts.firstDataBlock != facts.usualFirstDataBlock(); },
+          [](Facts const& facts) {
+              return "s_first_data_block is " + std::to_string(facts.firstDataBlock) + ", and with blocks of " +
+                     std::to_string(facts.blockSize()) + " bytes it must be " +
+                     std::to_string(facts.usualFirstDataBlock()) + ": the groups cannot be told apart";
+          }},
+    Limit{[](Facts const& facts) { return facts.blocksPerGroup != facts.clustersPerGroup; },
+          [](Facts const& facts) {
+              return "s_blocks_per_group " + std::to_string(facts.blocksPerGroup) + " and s_clusters_per_group " +
+                     std::to_string(facts.clustersPerGroup) + " differ: the groups cannot be told apart";
+          }},
+    Limit{[](Facts const& facts) {
+              return facts.has(kIncompat64Bit) &&
+                     (facts.descriptorSize < 64 || !std::has_single_bit(facts.descriptorSize));
+          },
+          [](Facts const& facts) {
+              return "s_desc_size is " + std::to_string(facts.descriptorSize) +
+                     ", and with 64bit it is a power of two from 64 on: the group descriptors cannot be told apart";
+          }},
 };
 
 std::optional<std::string> findLimit(Facts const& facts) {
@@ -137,9 +160,7 @@ std::uint64_t chunkBytes(Facts const& facts) {
     return std::clamp(table, kShortestChunk, kLongestChunk);
 }
 
-} // namespace
-
-Geometry readGeometry(Volume& volume) {
+Facts readFacts(Volume& volume) {
     if (volume.size() < kHeaderOffset + kSuperBlockBytes) {
         throw VolumeError(Trouble::NotUnderstood, volume.path() + ": ends at byte " + std::to_string(volume.size()) +
                                                       ", inside the ext superblock (bytes 1024 to 2047)");
@@ -153,7 +174,42 @@ Geometry readGeometry(Volume& volume) {
     if (facts.blocks == 0 || facts.blocks > (std::uint64_t{1} << 63) / facts.blockSize() - 1) {
         throw VolumeError(Trouble::NotUnderstood, where + "s_blocks_count is " + std::to_string(facts.blocks));
     }
-    return {facts.blockSize(), facts.blocks, chunkBytes(facts), findLimit(facts)};
+    return facts;
+}
+
+Geometry makeGeometry(Facts const& facts) {
+    Geometry geometry;
+    geometry.unitSize = facts.blockSize();
+    geometry.units = facts.blocks;
+    geometry.chunkBytes = chunkBytes(facts);
+    geometry.notBelieved = findLimit(facts);
+    return geometry;
+}
+
+/// Requires a volume that no limit applies to, with groups.
+DescriptorTable tableOf(Facts const& facts) {
+    std::uint64_t const inGroups = facts.blocks - std::min<std::uint64_t>(facts.blocks, facts.firstDataBlock);
+    return {facts.blockSize() * (std::uint64_t{facts.firstDataBlock} + 1),
+            (inGroups + facts.blocksPerGroup - 1) / facts.blocksPerGroup, facts.descriptorSize, facts.firstDataBlock,
+            facts.blocks};
+}
+
+} // namespace
+
+Geometry readGeometry(Volume& volume) {
+    return makeGeometry(readFacts(volume));
+}
+
+Answerer open(Volume& volume) {
+    Facts const facts = readFacts(volume);
+    Geometry geometry = makeGeometry(facts);
+    if (!geometry.notBelieved && facts.blocksPerGroup != 0) {
+        geometry.notBelieved = findMisplacedBitmap(volume, tableOf(facts));
+    }
+    if (geometry.notBelieved) {
+        return allUsed(std::move(geometry));
+    }
+    return {std::move(geometry), makeParser<agent::core::fs::EXTParser>(volume)};
 }
 
 } // namespace imaging::ext

@@ -9,7 +9,7 @@ export PATH="$PATH:/usr/sbin:/sbin"
 build_packages=(g++ cmake ninja-build libcli11-dev libfmt-dev nlohmann-json3-dev)
 sample_packages=(e2fsprogs)
 test_packages=(libgtest-dev libgmock-dev clang-14 libclang-rt-14-dev binutils e2fsprogs partclone mount util-linux)
-lint_packages=(clang-format-14 clang-tidy-14)
+lint_packages=(clang-format-14 clang-tidy-14 git)
 
 say() { printf '== %s\n' "$*" >&2; }
 
@@ -21,7 +21,7 @@ require_packages() {
     fi
     local missing=() name
     for name in "$@"; do
-        dpkg-query -W -f '${db:Status-Status}' "$name" 2>/dev/null | grep -qx installed || missing+=("$name")
+        dpkg-query -W -f '${db:Status-Status}\n' "$name" 2>/dev/null | grep -qx installed || missing+=("$name")
     done
     if [ "${#missing[@]}" -eq 0 ]; then
         return

@@ -20,6 +20,19 @@ namespace {
 
 constexpr unsigned long kSuperBlockOffset = 1024;
 
+/// Zeroes `count` bytes, but writes only where they are not zero: pages that were never written take no memory.
+void clearSparingly(std::uint8_t* bytes, std::size_t count) {
+    constexpr std::size_t kPiece = 4096;
+    for (std::size_t done = 0; done < count;) {
+        std::size_t const piece = std::min(kPiece, count - done);
+        std::uint8_t* const place = bytes + done;
+        if (*place != 0 || std::memcmp(place, place + 1, piece - 1) != 0) {
+            std::memset(place, 0, piece);
+        }
+        done += piece;
+    }
+}
+
 } // namespace
 
 /// Where a chunk begins: a group and a bit in its bitmap.
@@ -78,7 +91,7 @@ std::uint64_t EXTParser::descriptorSize() const {
 }
 
 bool EXTParser::readDescriptorTable(ZeroedBuffer& table) const {
-    auto const tableBlock = std::uint64_t{firstDataBlock_} + 1;
+    auto const tableBlock = std::uint64_t{firstDataBlock_} + 1; // in 64 bits: it does not wrap
     unsigned long const offset = static_cast<std::uint64_t>(blockSize()) * tableBlock;
     unsigned long bytesRead = 0;
     return fs_seek_read_aligned(*logger_, *volume_, alignment_, offset, table.data(), table.size(), &bytesRead) != -1;
@@ -90,7 +103,7 @@ bool EXTParser::fs_get_block_bitmap(void* table, int group, long count, void* de
     std::memcpy(&descriptor, static_cast<std::uint8_t const*>(table) + offset, sizeof descriptor);
     if ((descriptor.bg_flags & kExtBlockBitmapUninitialised) != 0) {
         // No block of the group counts as used, even if it holds metadata; kept that way on purpose.
-        std::fill_n(static_cast<std::uint8_t*>(destination), count, std::uint8_t{0});
+        clearSparingly(static_cast<std::uint8_t*>(destination), static_cast<std::size_t>(std::max(count, 0L)));
         return true;
     }
     // The high part of the location is never read, on purpose.

@@ -46,7 +46,7 @@ public:
     using propagate_on_container_swap = std::true_type;
     using is_always_equal = std::false_type;
 
-    /// @param alignment  bytes, a power of two; below the alignment of T it counts as that
+    /// @param alignment  bytes, a power of two; anything from 1 to the alignment of T counts as that
     explicit AlignedAllocator(std::size_t alignment) noexcept : alignment_(alignment) {}
 
     template <typename Other>
@@ -55,7 +55,7 @@ public:
 
     /// Zeroed memory for `count` elements.
     /// @throws std::bad_alloc, std::bad_array_new_length  the memory cannot be had
-    /// @throws std::invalid_argument                      the alignment is not a power of two
+    /// @throws std::invalid_argument                      the alignment is above that of T and not a power of two, or 0
     T* allocate(std::size_t count) {
         if (count > static_cast<std::size_t>(std::numeric_limits<std::ptrdiff_t>::max()) / sizeof(T)) {
             throw std::bad_array_new_length();

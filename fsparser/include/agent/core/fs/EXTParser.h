@@ -34,7 +34,9 @@ class AGENT_EXPORT EXTParser : public IBlockBitmapChunkProvider {
 public:
     /// Reads and checks the superblock (1024 bytes at byte 1024).
     /// @param alignment  bytes, the granularity of every read; what the device asks for in direct I/O
-    /// @throws std::runtime_error  "Could not read EXT super block." or "Not an EXT filesystem."
+    /// @throws std::runtime_error     "Could not read EXT super block." (also for an alignment of 0) or
+    ///     "Not an EXT filesystem."
+    /// @throws std::invalid_argument  the alignment is no power of two
     EXTParser(agent::info::Logger& logger, unsigned int alignment, agent::core::IVolumeReader const& volume);
     EXTParser(EXTParser const&) = delete;
     EXTParser& operator=(EXTParser const&) = delete;
@@ -44,15 +46,15 @@ public:
     /// @param buffer  what stands at byte 1024 of the volume, at least 58 bytes; null is not recognised
     static bool isEXTFileSystem(void* buffer);
 
-    /// As IBlockBitmapChunkProvider states it. The whole buffer is cleared first. A negative result is -1, after an
-    /// `Error` entry of its cause ("Invalid start block", "Invalid bitmap buffer", "Can't read bgd table", "Can't read
-    /// bitmap") and one that ends with the code.
-    /// @throws std::bad_alloc, std::length_error  the memory for a table cannot be had
+    /// As IBlockBitmapChunkProvider states it. The whole buffer is cleared, unless the start or the buffer is refused.
+    /// A negative result is -1, after an `Error` entry of its cause ("Invalid start block", "Invalid bitmap buffer",
+    /// "Can't read bgd table", "Can't read bitmap") and one that ends with the code.
+    /// @throws std::bad_alloc  the memory for a table cannot be had
     long getChunk(unsigned long offset, char* buffer, unsigned long length) const override;
 
 protected:
-    /// The routine behind getChunk(), without the second entry. A blocks-per-group count of zero ends with
-    /// "Can't read bgd table", and so does a group whose descriptor lies outside the table.
+    /// The routine behind getChunk(), without the second entry. A blocks-per-group count of zero, where it divides,
+    /// ends with "Can't read bgd table", and so does a group whose descriptor lies outside the table.
     /// @param length  bytes of the buffer
     /// @param start   number of the first block
     /// @return blocks covered, 0 at the end, -1 on an error

@@ -21,7 +21,8 @@ namespace agent::core::fs {
 /// @param buffer     takes the bytes, at least `length`; needs no alignment
 /// @param length     bytes wanted. 0 succeeds and copies nothing; it may still read one unit.
 /// @param bytesRead  set to 0 on entry, on success to the number of bytes copied
-/// @return 0 on success (and nothing else is success), -1 when the seek or a read failed
+/// @return 0 on success (and nothing else is success), -1 when the seek or a read failed, or when offset and length
+///     together wrap around 64 bits so that the wanted bytes were not read
 /// @throws std::exception  whatever creating the buffer threw (std::bad_alloc, std::length_error
 ///     "vector::_M_default_append", std::invalid_argument), after a `Debug` entry
 AGENT_EXPORT long fs_seek_read_aligned(agent::info::Logger& logger, agent::core::IVolumeReader const& volume,

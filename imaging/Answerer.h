@@ -1,0 +1,41 @@
+// A volume's geometry together with what answers for its units.
+#pragma once
+
+#include "agent/core/fs/IBlockBitmapChunkProvider.h"
+#include "agent/core/fs/UnrecognizedParser.h"
+#include "imaging/Error.h"
+#include "imaging/Geometry.h"
+#include "imaging/Volume.h"
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+namespace imaging {
+
+/// What each file system's folder makes of a volume.
+struct Answerer {
+    Geometry geometry;
+    std::unique_ptr<agent::core::fs::IBlockBitmapChunkProvider> provider;
+};
+
+/// Constructs a parser on a volume.
+/// @throws VolumeError  the parser refuses the volume; the sentence holds its text and what it logged
+template <typename Parser>
+std::unique_ptr<Parser> makeParser(Volume& volume) {
+    try {
+        return std::make_unique<Parser>(volume.logger(), static_cast<unsigned>(volume.alignment()), volume.reader());
+    } catch (std::runtime_error const& error) {
+        std::string const text = error.what();
+        std::string const logged = volume.logger().takeReason(text);
+        throw VolumeError(Trouble::Io, volume.path() + ": " + text + (logged == text ? "" : " (" + logged + ")"));
+    }
+}
+
+/// Every unit counts as used, for a reason that the geometry may hold.
+inline Answerer allUsed(Geometry geometry) {
+    std::uint64_t const units = geometry.units;
+    return {std::move(geometry), std::make_unique<agent::core::fs::UnrecognizedParser>(units)};
+}
+
+} // namespace imaging
