@@ -47,11 +47,7 @@ Answerer openOrAllUsed(Volume& volume, VolumeMap::Refused refused) {
 
 } // namespace
 
-VolumeMap::VolumeMap(Volume& volume, Refused refused) : volume_(volume), answerer_(openOrAllUsed(volume, refused)) {
-    if (volume_.size() < coveredBytes()) {
-        volume_.reader().forbidTail(); // the last unit of a truncated volume may cut through a bitmap
-    }
-}
+VolumeMap::VolumeMap(Volume& volume, Refused refused) : volume_(volume), answerer_(openOrAllUsed(volume, refused)) {}
 
 std::uint64_t VolumeMap::bytesPastLastUnit() const {
     return volume_.size() > coveredBytes() ? volume_.size() - coveredBytes() : 0;

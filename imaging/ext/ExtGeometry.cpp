@@ -203,6 +203,9 @@ Geometry readGeometry(Volume& volume) {
 Answerer open(Volume& volume) {
     Facts const facts = readFacts(volume);
     Geometry geometry = makeGeometry(facts);
+    if (volume.size() < geometry.units * geometry.unitSize) {
+        volume.reader().forbidTail(); // the last unit of a truncated volume may cut through a table or a bitmap
+    }
     if (!geometry.notBelieved && facts.blocksPerGroup != 0) {
         geometry.notBelieved = findMisplacedBitmap(volume, tableOf(facts));
     }

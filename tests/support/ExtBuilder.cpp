@@ -1,6 +1,8 @@
 // The ext volumes that tests are built on: which byte goes where, and why.
 #include "support/ExtBuilder.h"
 
+#include <algorithm>
+#include <cstring>
 #include <random>
 #include <utility>
 

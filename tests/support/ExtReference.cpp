@@ -3,6 +3,8 @@
 
 #include "support/ExtBuilder.h"
 
+#include <algorithm>
+
 namespace tests {
 
 namespace {
