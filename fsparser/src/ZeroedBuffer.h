@@ -3,8 +3,10 @@
 
 #include "agent/AlignedAllocator.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <span>
+#include <utility>
 
 namespace agent::core::fs {
 
@@ -20,6 +22,16 @@ public:
     ZeroedBuffer(ZeroedBuffer const&) = delete;
     ZeroedBuffer& operator=(ZeroedBuffer const&) = delete;
     ~ZeroedBuffer() { agent::deallocateAligned(memory_, size_, alignment_); }
+
+    /// Makes every byte zero again; large blocks give their memory back.
+    void clear() {
+        if (size_ < agent::kFreshPagesThreshold) {
+            std::fill_n(memory_, size_, std::uint8_t{0});
+            return;
+        }
+        void* const fresh = agent::allocateAligned(size_, alignment_);
+        agent::deallocateAligned(std::exchange(memory_, static_cast<std::uint8_t*>(fresh)), size_, alignment_);
+    }
 
     std::uint8_t* data() { return memory_; }
     std::size_t size() const { return size_; }

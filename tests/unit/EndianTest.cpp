@@ -1,5 +1,5 @@
 // Integers read from bytes of a known order.
-#include "Endian.h"
+#include "agent/core/fs/Endian.h"
 
 #include <cstring>
 #include <gtest/gtest.h>

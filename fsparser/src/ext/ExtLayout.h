@@ -1,7 +1,7 @@
 // The ext structures as they stand on disk, with the fields that are read.
 #pragma once
 
-#include "Endian.h"
+#include "agent/core/fs/Endian.h"
 
 namespace agent::core::fs {
 

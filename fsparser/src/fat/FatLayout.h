@@ -1,7 +1,7 @@
 // The FAT boot sector as it stands on disk.
 #pragma once
 
-#include "Endian.h"
+#include "agent/core/fs/Endian.h"
 
 namespace agent::core::fs {
 

@@ -1,114 +1,187 @@
-// Recognition of an NTFS boot sector.
+// Construction of the NTFS parser: geometry, metadata, and the upcase table.
 #include "agent/core/fs/NTFSParser.h"
 
+#include "BoundedRead.h"
+#include "ZeroedBuffer.h"
+#include "agent/core/fs/FSUtil.h"
 #include "ntfs/NtfsLayout.h"
+#include "ntfs/Shifts.h"
+#include "ntfs/Walks.h"
 
-#include <bit>
-#include <ios>
+#include <locale>
+#include <new>
+#include <sstream>
+#include <stdexcept>
 
 namespace agent::core::fs {
 
 using agent::info::Level;
 using agent::info::Logger;
 
+std::string const SEPARATOR = "\\";
+
 namespace {
 
-/// "NTFS" and four blanks, as one little-endian word.
-constexpr std::uint64_t kOemId = 0x202020205346544E;
+constexpr unsigned long kDefaultCacheCapacity = 1000;
+constexpr unsigned long kUpcaseRecord = 10;
+constexpr unsigned long kMftMirrorRecord = 1;
 
-/// The largest cluster that is accepted, 2 MiB.
-constexpr std::uint32_t kLargestClusterSize = 0x200000;
-
-bool checkBytesPerSector(ntfs_boot_sector const& boot, Logger& logger) {
-    std::uint16_t const bytes = boot.bytes_per_sector.value();
-    if (bytes >= 256 && bytes <= 4096) { // no power-of-two test here, on purpose
-        return true;
+unsigned long configuredCapacity(Logger& logger, agent::IConfig const& config) {
+    unsigned long capacity = kDefaultCacheCapacity;
+    config.get("ntfsparser.cache.capacity", capacity);
+    if (capacity != kDefaultCacheCapacity) {
+        Logger::Entry(logger, Level::Debug) << "NTFSParser LRU cache size re-configured to " << capacity;
     }
-    Logger::Entry(logger, Level::Error) << "Unexpected bytes per sector: 0x" << std::hex << bytes << std::dec;
-    return false;
+    return capacity;
 }
 
-bool checkSectorsPerCluster(ntfs_boot_sector const& boot, Logger& logger) {
-    std::uint8_t const sectors = boot.sectors_per_cluster;
-    if (std::has_single_bit(sectors)) {
-        return true;
-    }
-    if (sectors >= 0xF0 && sectors <= 0xFD) {
-        // The negative exponent, cut to 16 bits on purpose: 0xF0 gives a cluster of 0 bytes, and passes.
-        std::uint32_t const count = static_cast<std::uint16_t>(1U << (256U - sectors));
-        std::uint32_t const size = count * boot.bytes_per_sector.value();
-        if (size <= kLargestClusterSize) {
-            return true;
-        }
-        Logger::Entry(logger, Level::Error) << "Unexpected cluster size 0x" << std::hex << size << std::dec;
-        return false;
-    }
-    // The byte is written as one raw character, not as hexadecimal digits, on purpose.
-    Logger::Entry(logger, Level::Error) << "Unexpected sectors per cluster value: 0x" << std::hex << sectors
-                                        << std::dec;
-    return false;
+/// Logs a geometry that is refused, and throws the same text.
+[[noreturn]] void refuse(Logger& logger, std::string const& text) {
+    Logger::Entry(logger, Level::Error) << text;
+    throw std::runtime_error(text);
 }
 
-bool checkReservedFields(ntfs_boot_sector const& boot, Logger& logger) {
-    bool const allZero = boot.reserved_sectors.value() == 0 && boot.root_entries.value() == 0 &&
-                         boot.sectors.value() == 0 && boot.sectors_per_fat.value() == 0 &&
-                         boot.large_sectors.value() == 0 && boot.fats == 0;
-    if (!allZero) {
-        Logger::Entry(logger, Level::Error) << "Reserved fields aren't zero";
-    }
-    return allZero;
+/// "0x" is part of the text; the value follows in hexadecimal.
+std::string withHexadecimal(char const* text, std::uint64_t value) {
+    std::ostringstream stream;
+    stream.imbue(std::locale::classic());
+    stream << text << std::hex << value;
+    return stream.str();
 }
 
-/// Clusters in a record: a power of two up to 64, or as a signed byte from -31 to -9 an exponent in bytes.
-bool isRecordSize(std::uint8_t clusters) {
-    auto const exponent = static_cast<std::int8_t>(clusters);
-    return (exponent > 0 && std::has_single_bit(clusters)) || (exponent >= -31 && exponent <= -9);
-}
-
-bool checkRecordSizes(ntfs_boot_sector const& boot, Logger& logger) {
-    // The raw byte as one character, here as well.
-    if (!isRecordSize(boot.clusters_per_mft_record)) {
-        Logger::Entry(logger, Level::Error)
-            << "Unexpected clusters per mft record: 0x" << std::hex << boot.clusters_per_mft_record << std::dec;
-        return false;
-    }
-    if (!isRecordSize(boot.clusters_per_index_record)) {
-        Logger::Entry(logger, Level::Error)
-            << "Unexpected clusters per index record: 0x" << std::hex << boot.clusters_per_index_record << std::dec;
-        return false;
-    }
-    return true;
-}
-
-bool checkMftLocation(ntfs_boot_sector const& boot, Logger& logger) {
-    auto const mft = static_cast<std::int64_t>(boot.mft_lcn.value());
-    auto const mirror = static_cast<std::int64_t>(boot.mftmirr_lcn.value());
-    if (mft > 0 && mirror > 0 && mft != mirror) {
-        return true;
-    }
-    Logger::Entry(logger, Level::Error) << "Invalid location of MFT or MFTMirr.";
-    return false;
+/// The byte of sectors per cluster: a count, or above 0x80 a negative exponent whose result is kept in 8 bits.
+std::uint8_t decodeSectorsPerCluster(std::uint8_t stored) {
+    return stored <= 0x80 ? stored : static_cast<std::uint8_t>(1U << ((256U - stored) & 31U));
 }
 
 } // namespace
 
-bool NTFSParser::isNTFileSystem(void* bootSector, Logger& logger) {
-    if (bootSector == nullptr) {
-        return false;
+NTFSParser::NTFSParser(Logger& log, unsigned int alignment, agent::core::IVolumeReader const& reader)
+    : logger(log), volume(reader), blockSize(alignment),
+      cache(std::make_unique<agent::LruCache<Element>>(kDefaultCacheCapacity)), walks(std::make_unique<Walks>()) {
+    reinit();
+}
+
+NTFSParser::NTFSParser(Logger& log, unsigned int alignment, agent::core::IVolumeReader const& reader,
+                       agent::IConfig const& config)
+    : logger(log), volume(reader), blockSize(alignment),
+      cache(std::make_unique<agent::LruCache<Element>>(configuredCapacity(log, config))),
+      walks(std::make_unique<Walks>()) {
+    reinit();
+}
+
+NTFSParser::~NTFSParser() = default;
+
+std::uint32_t NTFSParser::clusterSize() const {
+    return std::uint32_t{sectorsPerCluster} * bytesPerSector;
+}
+
+std::uint16_t NTFSParser::clusterSize16() const {
+    return static_cast<std::uint16_t>(clusterSize()); // 64 KiB clusters count as 0, on purpose
+}
+
+NTFSParser::Bytes NTFSParser::recordBytes(void const* record) const {
+    return {static_cast<std::uint8_t const*>(record), mftRecordSize};
+}
+
+void NTFSParser::reinit() {
+    ntfs_boot_sector boot{};
+    unsigned long count = 0;
+    if (fs_seek_read_aligned(logger, volume, blockSize, 0, &boot, sizeof boot, &count) == -1) {
+        throw std::runtime_error("Can't read ntfs boot sector");
     }
+    if (!isNTFileSystem(&boot, logger)) {
+        throw std::runtime_error("Not an NTFS filesystem");
+    }
+    deriveGeometry(&boot);
+    initVolumeMetaData();
+}
+
+void NTFSParser::deriveGeometry(void const* bootSector) {
     auto const& boot = *static_cast<ntfs_boot_sector const*>(bootSector);
-    if (boot.oem_id.value() != kOemId) {
-        Logger::Entry(logger, Level::Debug) << "Invalid NTFS magic.";
-        return false;
+    clustersPerMftRecord = static_cast<std::int8_t>(boot.clusters_per_mft_record);
+    // 256 sectors and more become 0, on purpose: the location of $MFT is refused below then.
+    sectorsPerCluster = decodeSectorsPerCluster(boot.sectors_per_cluster);
+    if (!isPowerOfTwoOrZero(sectorsPerCluster)) {
+        refuse(logger, std::string("Sector per cluster isn't power of two. SectorPerCluster: 0x") +
+                           static_cast<char>(sectorsPerCluster)); // as one raw character, on purpose
     }
-    if (!checkBytesPerSector(boot, logger) || !checkSectorsPerCluster(boot, logger) ||
-        !checkReservedFields(boot, logger) || !checkRecordSizes(boot, logger) || !checkMftLocation(boot, logger)) {
-        return false;
+    bytesPerSector = boot.bytes_per_sector.value();
+    totalSectors = static_cast<std::int64_t>(boot.number_of_sectors.value());
+    if (totalSectors == 0) {
+        throw std::runtime_error("volume size is set to zero.");
     }
-    if (boot.end_of_sector_marker.value() != 0xAA55) {
-        Logger::Entry(logger, Level::Warning) << "Bootsector has invalid end of sector marker.";
+    std::int64_t const clusters = shiftRight(totalSectors, log2Of(sectorsPerCluster));
+    auto const mft = static_cast<std::int64_t>(boot.mft_lcn.value());
+    if (mft > clusters || mft < 0) {
+        Logger::Entry(logger, Level::Error) << "$MFT LCN: 0x" << std::hex << mft
+                                            << " is greater than the number of clusters: 0x" << clusters << std::dec;
+        throw std::runtime_error("Invalid $MFT offset.");
     }
-    return true;
+    auto const mirror = static_cast<std::int64_t>(boot.mftmirr_lcn.value());
+    if (mirror > clusters || mirror < 0) {
+        // The count has no "0x" here, on purpose.
+        Logger::Entry(logger, Level::Error) << "$MFTMirr LCN: 0x" << std::hex << mirror
+                                            << " is greater than the number of clusters: " << clusters << std::dec;
+        throw std::runtime_error("Invalid $MFTMirr offset.");
+    }
+    if (!isPowerOfTwoOrZero(clusterSize())) {
+        refuse(logger, withHexadecimal("Cluster size isn't power of two. ClusterSize: 0x", clusterSize()));
+    }
+    mftLcn = mft;
+    std::uint32_t const exponent = clustersPerMftRecord >= 0 ? log2Of(clusterSize()) & 31U
+                                                             : static_cast<std::uint32_t>(-clustersPerMftRecord) & 31U;
+    std::uint32_t const base = clustersPerMftRecord >= 0 ? static_cast<std::uint32_t>(clustersPerMftRecord) : 1;
+    mftRecordSize = base << exponent;
+    if (!isPowerOfTwoOrZero(mftRecordSize)) {
+        refuse(logger,
+               withHexadecimal("$MFT bytes per record isn't power of two. MFTBytesPerRecord: 0x", mftRecordSize));
+    }
+}
+
+void NTFSParser::initVolumeMetaData() {
+    mftRecord = std::make_unique<ZeroedBuffer>(mftRecordSize);
+    // Straight from the start of $MFT. A failure shows in the check of what was read.
+    read_record(0, clusterSize() * static_cast<std::uint64_t>(mftLcn), mftRecord->data());
+    checkFileRecordConsistency(mftRecord->data(), 0);
+    ZeroedBuffer proof(mftRecordSize);
+    read_mft_record_throw(kMftMirrorRecord, proof.data(), "");
+}
+
+void NTFSParser::read_upcase() {
+    if (upcase != nullptr) {
+        return;
+    }
+    ZeroedBuffer record(mftRecordSize);
+    read_mft_record_throw(kUpcaseRecord, record.data(), "");
+    AttributeHits const hits =
+        get_attributes(kUpcaseRecord, reinterpret_cast<ntfs_mft_record_t*>(record.data()), kData);
+    if (hits.empty()) {
+        return;
+    }
+    auto const [holder, offset] = hits.front();
+    if (holder != kUpcaseRecord && read_mft_record(holder, record.data()) != 0) {
+        return;
+    }
+    std::vector<ntfs_runlist> const runs = dataRuns(from(record.bytes(), static_cast<std::uint64_t>(offset)));
+    std::uint64_t total = 0;
+    for (ntfs_runlist const& run : runs) {
+        total += static_cast<std::uint64_t>(run.length) * clusterSize();
+    }
+    // Twice the bytes, on purpose: a second run is placed at twice its byte position. Two more keep the table there
+    // when it is empty.
+    if (total > (std::uint64_t{1} << 62)) {
+        throw std::bad_alloc();
+    }
+    auto table = std::make_unique<ZeroedBuffer>(total * 2 + 2);
+    std::span<std::uint8_t> const destination{table->data(), total * 2};
+    std::uint64_t const bytes = readRuns(destination, runs, BufferType::Units16, "Unable to read INDEX ENTRY");
+    upcase = std::move(table);
+    upcaseLength = static_cast<std::uint32_t>(bytes);
+}
+
+unsigned short const* NTFSParser::upcaseTable() const {
+    return upcase == nullptr ? nullptr : reinterpret_cast<unsigned short const*>(upcase->bytes().data());
 }
 
 } // namespace agent::core::fs

@@ -1,4 +1,5 @@
-// Integers as they stand on disk: byte arrays, read by an explicit call.
+/// @file
+/// Integers as they stand on disk: byte arrays, read by an explicit call.
 #pragma once
 
 #include <algorithm>
