@@ -19,12 +19,13 @@ struct Answerer {
     std::unique_ptr<agent::core::fs::IBlockBitmapChunkProvider> provider;
 };
 
-/// Constructs a parser on a volume.
+/// Constructs a parser on a volume; `more` goes to its constructor.
 /// @throws VolumeError  the parser refuses the volume; the sentence holds its text and what it logged
-template <typename Parser>
-std::unique_ptr<Parser> makeParser(Volume& volume) {
+template <typename Parser, typename... More>
+std::unique_ptr<Parser> makeParser(Volume& volume, More const&... more) {
     try {
-        return std::make_unique<Parser>(volume.logger(), static_cast<unsigned>(volume.alignment()), volume.reader());
+        return std::make_unique<Parser>(volume.logger(), static_cast<unsigned>(volume.alignment()), volume.reader(),
+                                        more...);
     } catch (std::runtime_error const& error) {
         std::string const text = error.what();
         std::string const logged = volume.logger().takeReason(text);

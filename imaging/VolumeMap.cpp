@@ -4,6 +4,7 @@
 #include "imaging/Detection.h"
 #include "imaging/Error.h"
 #include "imaging/ext/ExtGeometry.h"
+#include "imaging/ntfs/NtfsGeometry.h"
 
 #include <algorithm>
 
@@ -19,6 +20,8 @@ constexpr std::uint64_t kFallbackChunk = std::uint64_t{1} << 20;
 
 Answerer openFileSystem(Volume& volume) {
     switch (volume.fileSystem()) {
+    case kNtfs:
+        return ntfs::open(volume);
     case kExt:
         return ext::open(volume);
     case kUnrecognized:
