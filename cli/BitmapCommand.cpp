@@ -59,7 +59,8 @@ void printSummary(Options const& options, imaging::Volume const& volume, imaging
 
 ExitCode runBitmap(Options const& options, Console& console) {
     imaging::Volume volume(options.volume, options.alignment, console);
-    imaging::VolumeMap map(volume);
+    imaging::VolumeMap map(volume, options.allUsedIfRefused ? imaging::VolumeMap::Refused::CountsAsUsed
+                                                            : imaging::VolumeMap::Refused::IsError);
     bool const toStandardOutput = options.output == "-";
     Written const written = toStandardOutput ? writeBitmap(map, writeToStandardOutput) : writeToFile(options, map);
     if (options.json) {

@@ -6,7 +6,9 @@
 #include "cli/Terminal.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace cli {
 
@@ -16,18 +18,27 @@ struct Options {
     std::uint64_t alignment = 0;           ///< bytes; 0: what the device asks for
     bool json = false;                     ///< one JSON document instead of text
     std::string output = "-";              ///< bitmap: a path, or "-" for standard output
+    bool allUsedIfRefused = false;         ///< bitmap: a volume that its parser refuses counts as used
     ColorChoice color = ColorChoice::Auto; ///< map
     std::size_t columns = 0;               ///< map: width of the picture; 0: the window's
     std::size_t lines = 0;                 ///< map: height of the picture; 0: the window's
+    std::vector<std::string> paths;        ///< stat, extents, acl: paths on the volume
+    std::string pathList;                  ///< stat, extents, acl: a file of paths, or "-" for standard input
+    std::optional<unsigned long> cache;    ///< stat, extents, acl: directories that the path cache keeps
+    bool sddl = false;                     ///< acl: print security descriptor definition language
     bool ascii = false;                    ///< map: nothing but ASCII
 };
 
-/// Each prints its data on standard output and returns kOk or kInconsistent.
+/// Each prints its data on standard output and returns kOk, kInconsistent, or kNotUnderstood where a path was not
+/// found.
 /// @throws imaging::VolumeError, Interrupted
 ExitCode runDetect(Options const& options, Console& console);
 ExitCode runInfo(Options const& options, Console& console);
 ExitCode runMap(Options const& options, Console& console);
 ExitCode runBitmap(Options const& options, Console& console);
 ExitCode runRanges(Options const& options, Console& console);
+ExitCode runStat(Options const& options, Console& console);
+ExitCode runExtents(Options const& options, Console& console);
+ExitCode runAcl(Options const& options, Console& console);
 
 } // namespace cli

@@ -110,6 +110,8 @@ void addBitmap(CLI::App& app, Request& request) {
         addVerb(app, request, "bitmap", "Write the raw bitmap: one bit a unit, least significant bit first", runBitmap);
     bitmap->add_option("-o,--output", request.options.output, "where to: a file, or - for standard output (default)")
         ->type_name("FILE|-");
+    bitmap->add_flag("--all-used-if-refused", request.options.allUsedIfRefused,
+                     "a volume that is recognised but refused counts as used as a whole (exit code 4)");
     bitmap->footer("A file appears under its name only when it is whole.\n\nExamples:\n"
                    "  fsparser bitmap -o used.bin disk.img\n  fsparser bitmap disk.img | xxd | head\n");
 }
@@ -125,8 +127,37 @@ void addVerbs(CLI::App& app, Request& request) {
         ->footer("Example:\n  fsparser ranges disk.img | awk '{ units += $2 } END { print units }'\n");
 }
 
+void addPaths(CLI::App* command, Request& request) {
+    Options& options = request.options;
+    command->add_option("PATH", options.paths, "paths on the volume, with / or \\, with or without a drive prefix");
+    command->add_option("--from", options.pathList, "read paths from a file, one a line; - for standard input")
+        ->type_name("FILE|-");
+    command->add_option("--cache", options.cache, "directories that the path cache keeps (default: 1000)")
+        ->type_name("N");
+}
+
+void addFileVerbs(CLI::App& app, Request& request) {
+    CLI::App* const stat = addVerb(app, request, "stat", "Show a file's record, times and attributes (NTFS)", runStat);
+    addPaths(stat, request);
+    stat->footer("Example:\n  fsparser stat disk.img /Users/guest/notes.txt\n");
+    CLI::App* const extents = addVerb(app, request, "extents", "List the clusters of a file's data (NTFS)", runExtents);
+    addPaths(extents, request);
+    extents->footer("Example:\n  find mnt -type f -printf '/%P\\n' | fsparser extents --json disk.img --from -\n");
+    CLI::App* const acl = addVerb(app, request, "acl", "List who may access a file (NTFS)", runAcl);
+    addPaths(acl, request);
+    acl->add_flag("--sddl", request.options.sddl, "print the lists as SDDL");
+    acl->footer("Example:\n  fsparser acl --sddl disk.img 'C:\\Users'\n");
+}
+
+bool isFileVerb(Verb verb) {
+    return verb == runStat || verb == runExtents || verb == runAcl;
+}
+
 /// Contradictions that no single option can see.
 void checkTogether(Request const& request) {
+    if (isFileVerb(request.verb) && request.options.paths.empty() && request.options.pathList.empty()) {
+        throw CLI::ValidationError("PATH", "name at least one path, or --from FILE");
+    }
     if (request.verb != runBitmap || request.options.output != "-") {
         return;
     }
@@ -173,6 +204,7 @@ int run(int argc, char** argv) {
     app.set_version_flag("--version", "fsparser " FSPARSER_VERSION);
     app.require_subcommand(1);
     addVerbs(app, request);
+    addFileVerbs(app, request);
     try {
         app.parse(argc, argv);
         checkTogether(request);
