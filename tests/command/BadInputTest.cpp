@@ -271,7 +271,7 @@ TEST(CommandOnBadInput, AReasonIsNotMixedWithWhatDetectionSaid) {
         putNtfsName(b);
         b.setBitmapLocation(0, 999);
     });
-    std::filesystem::resize_file(path, 999 * 4096);
+    std::filesystem::resize_file(path, std::uint64_t{999} * 4096);
     CommandResult const result = fsparser({"info", path});
     EXPECT_EQ(result.exitCode, 1) << result;
     EXPECT_EQ(result.error, brokenVolumeSentence(path));

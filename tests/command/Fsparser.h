@@ -43,7 +43,7 @@ struct ThousandBlocks {
 /// The volume of makeThousandBlocks(), cut off before its bitmap in block 999: its map cannot be read.
 inline std::string writeBrokenVolume(std::string const& path) {
     writeExtVolume(path, makeThousandBlocks().setBitmapLocation(0, 999));
-    std::filesystem::resize_file(path, 999 * 4096);
+    std::filesystem::resize_file(path, std::uint64_t{999} * 4096);
     return path;
 }
 
