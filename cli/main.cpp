@@ -10,7 +10,7 @@
 #include <cstring>
 #include <fmt/format.h>
 #include <functional>
-#include <map>
+#include <iostream>
 #include <new>
 #include <system_error>
 
@@ -40,6 +40,9 @@ Examples:
   fsparser map --color always disk.img | less -R
   fsparser bitmap -o used.bin disk.img
   fsparser ranges --json disk.img | jq '.ranges | length'
+  fsparser stat disk.img /Users/guest/notes.txt
+  fsparser extents --json disk.img /pagefile.sys
+  fsparser acl --sddl disk.img 'C:\Users'
 )";
 
 /// The largest alignment that is taken: no device asks for more.
@@ -72,6 +75,15 @@ std::string checkAlignment(std::string const& text) {
     return {};
 }
 
+ColorChoice colorChoice(std::string const& when) {
+    return when == "always" ? ColorChoice::Always : when == "never" ? ColorChoice::Never : ColorChoice::Auto;
+}
+
+std::string checkColor(std::string const& when) {
+    bool const isKnown = when == "auto" || when == "always" || when == "never";
+    return isKnown ? std::string() : "it is auto, always or never, not " + when;
+}
+
 CLI::App* addVerb(CLI::App& app, Request& request, char const* name, char const* description, Verb verb) {
     CLI::App* const command = app.add_subcommand(name, description);
     Options& options = request.options;
@@ -90,11 +102,11 @@ CLI::App* addVerb(CLI::App& app, Request& request, char const* name, char const*
 void addMap(CLI::App& app, Request& request) {
     CLI::App* const map = addVerb(app, request, "map", "Draw used and free space", runMap);
     Options& options = request.options;
-    std::map<std::string, ColorChoice> const choices{
-        {"auto", ColorChoice::Auto}, {"always", ColorChoice::Always}, {"never", ColorChoice::Never}};
-    map->add_option("--color", options.color, "auto, always or never (default: auto; NO_COLOR is honoured)")
+    map->add_option_function<std::string>(
+           "--color", [&options](std::string const& when) { options.color = colorChoice(when); },
+           "auto, always or never (default: auto; NO_COLOR is honoured)")
         ->type_name("WHEN")
-        ->transform(CLI::CheckedTransformer(choices).description(""));
+        ->check(CLI::Validator(checkColor, ""));
     map->add_option("--width", options.columns, "cells in a line (default: the window's)")
         ->type_name("N")
         ->check(CLI::Range(1, kMostCells).description(""));
@@ -109,7 +121,8 @@ void addBitmap(CLI::App& app, Request& request) {
     CLI::App* const bitmap =
         addVerb(app, request, "bitmap", "Write the raw bitmap: one bit a unit, least significant bit first", runBitmap);
     bitmap->add_option("-o,--output", request.options.output, "where to: a file, or - for standard output (default)")
-        ->type_name("FILE|-");
+        ->type_name("FILE|-")
+        ->check(CLI::Validator([](std::string& path) { return path.empty() ? "names no file" : ""; }, ""));
     bitmap->add_flag("--all-used-if-refused", request.options.allUsedIfRefused,
                      "a volume that is recognised but refused counts as used as a whole (exit code 4)");
     bitmap->footer("A file appears under its name only when it is whole.\n\nExamples:\n"
@@ -197,6 +210,12 @@ ExitCode execute(Request const& request) {
     }
 }
 
+/// "A subcommand is required" helps nobody who mistyped one.
+bool isUnknownVerb(CLI::App const& app, CLI::ParseError const& error, int argc, char** argv) {
+    return dynamic_cast<CLI::RequiredError const*>(&error) != nullptr && app.get_subcommands().empty() && argc > 1 &&
+           argv[1][0] != '-';
+}
+
 int run(int argc, char** argv) {
     CLI::App app(kDescription, "fsparser");
     Request request;
@@ -209,7 +228,14 @@ int run(int argc, char** argv) {
         app.parse(argc, argv);
         checkTogether(request);
     } catch (CLI::ParseError const& error) {
-        return app.exit(error) == 0 ? kOk : kUsage;
+        if (isUnknownVerb(app, error, argc, argv)) {
+            Console(Verbosity::Normal).error(std::string(argv[1]) + " is not a verb; fsparser --help lists them");
+            return kUsage;
+        }
+        if (app.exit(error) != 0) {
+            return kUsage;
+        }
+        return std::cout.flush() ? kOk : kFailure; // --help and --version
     }
     return execute(request);
 }

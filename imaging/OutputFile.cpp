@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
+#include <memory>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -21,6 +22,12 @@ std::string directoryOf(std::string const& path) {
         return ".";
     }
     return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+/// Where a symbolic link leads, so that the file it names is replaced and not the link.
+std::string targetOf(std::string const& path) {
+    std::unique_ptr<char, decltype(&std::free)> const resolved(::realpath(path.c_str(), nullptr), &std::free);
+    return resolved == nullptr ? path : resolved.get();
 }
 
 /// A destination that is a device, a directory or the volume itself would be destroyed by what is about to happen.
@@ -47,7 +54,8 @@ void applyUsualMode(int descriptor) {
 
 } // namespace
 
-OutputFile::OutputFile(std::string const& path, std::string const& source) : path_(path), temporary_(path + ".XXXXXX") {
+OutputFile::OutputFile(std::string const& path, std::string const& source)
+    : path_(targetOf(path)), temporary_(directoryOf(path_) + "/.fsparser.XXXXXX") {
     requireReplaceable(path, source);
     descriptor_ = ::mkostemp(temporary_.data(), O_CLOEXEC);
     if (descriptor_ == -1) {

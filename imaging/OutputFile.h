@@ -11,7 +11,7 @@ namespace imaging {
 /// also when an exception passes by, the temporary file goes and whatever stood under the name is untouched.
 class OutputFile {
 public:
-    /// @param path    the name; an existing file is replaced by commit()
+    /// @param path    the name; an existing file is replaced by commit(), through a symbolic link the file it leads to
     /// @param source  path of the volume that is read: a destination that is the same file is refused
     /// @throws VolumeError  the file cannot be created, or the name belongs to something that is not a regular file
     OutputFile(std::string const& path, std::string const& source);

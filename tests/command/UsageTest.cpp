@@ -63,7 +63,7 @@ TEST(CommandVersion, IsOneLine) {
 TEST(CommandUsage, WhatMakesNoSenseIsAUsageError) {
     ThousandBlocks const volume;
     expectUsageError({}, "subcommand");
-    expectUsageError({"explode", volume.path}, "subcommand");
+    expectUsageError({"explode", volume.path}, "explode");
     expectUsageError({"--explode"}, "subcommand");
     for (char const* const verb : kVerbs) {
         expectUsageError({verb}, "VOLUME");
