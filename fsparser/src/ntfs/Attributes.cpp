@@ -105,10 +105,16 @@ NTFSParser::AttributeHits NTFSParser::externalHits(unsigned long baseRecord, Byt
     }
     struct Walking {
         decltype(Walks::lists)& stack;
-        ~Walking() { stack.pop_back(); }
+        decltype(Walks::nestedHolders)& nested;
+        ~Walking() {
+            stack.pop_back();
+            if (stack.empty()) {
+                nested.clear();
+            }
+        }
     };
     lists.push_back(self);
-    Walking const walking{lists};
+    Walking const walking{lists, walks->nestedHolders};
 
     if (header->non_resident != 0) {
         return nonResidentListHits(baseRecord, attribute, type);
@@ -140,7 +146,13 @@ NTFSParser::AttributeHits NTFSParser::nonResidentListHits(unsigned long baseReco
         throw std::bad_alloc();
     }
     // Never more than the runs can fill: what lies past that is zero, and a zero entry ends the list.
-    ZeroedBuffer list(std::min(dataSize, deliverable));
+    std::uint64_t const size = std::min(dataSize, deliverable);
+    if (size > saturatedSum(volumeBytes(), kLongestListEntry)) {
+        // Runs that overlap, or that the volume cannot hold.
+        Logger::Entry(logger, Level::Debug) << "Unable to read data.";
+        throw std::runtime_error("Could not read from device.");
+    }
+    ZeroedBuffer list(size);
     std::uint64_t done = 0;
     for (ntfs_runlist const& run : runs) {
         if (run.lcn < 0) {
@@ -194,7 +206,8 @@ NTFSParser::AttributeHits NTFSParser::listHits(unsigned long baseRecord, NtfsAtt
         unsigned long const holder = reference->value() & kRecordNumberMask;
         Logger::Entry(logger, Level::Debug) << "Found attribute 0x" << std::hex << entryType << std::dec << " in inode "
                                             << holder << " for base inode " << baseRecord;
-        if (!seen.insert(holder).second) {
+        bool const isNested = walks->lists.size() > 1;
+        if (!seen.insert(holder).second || (isNested && !walks->nestedHolders.insert(holder).second)) {
             Logger::Entry(logger, Level::Debug) << "Already seen inode " << holder << ", skipping.";
             continue;
         }
@@ -251,6 +264,7 @@ bool NTFSParser::hasName(Bytes attribute, std::wstring const& name) const {
     }
     std::array<unsigned short, 255> own{};
     std::memcpy(own.data(), attribute.data() + header->name_offset.value(), bytes);
+    // With case, unlike directory lookups; and the table's length in bytes, here as there. Both on purpose.
     return collate_unicode_names(name.data(), static_cast<unsigned>(name.size()), own.data(), header->name_length,
                                  false, upcaseTable(), upcaseLength) == 0;
 }

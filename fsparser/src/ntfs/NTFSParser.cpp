@@ -8,8 +8,8 @@
 #include "ntfs/Shifts.h"
 #include "ntfs/Walks.h"
 
+#include <algorithm>
 #include <locale>
-#include <new>
 #include <sstream>
 #include <stdexcept>
 
@@ -25,6 +25,9 @@ namespace {
 constexpr unsigned long kDefaultCacheCapacity = 1000;
 constexpr unsigned long kUpcaseRecord = 10;
 constexpr unsigned long kMftMirrorRecord = 1;
+
+/// Bytes of a complete upcase table: 65536 characters of 16 bits. No index leads beyond them.
+constexpr std::uint64_t kLargestTable = 131072;
 
 unsigned long configuredCapacity(Logger& logger, agent::IConfig const& config) {
     unsigned long capacity = kDefaultCacheCapacity;
@@ -78,6 +81,10 @@ std::uint32_t NTFSParser::clusterSize() const {
 
 std::uint16_t NTFSParser::clusterSize16() const {
     return static_cast<std::uint16_t>(clusterSize()); // 64 KiB clusters count as 0, on purpose
+}
+
+std::uint64_t NTFSParser::volumeBytes() const {
+    return static_cast<std::uint64_t>(totalSectors) * bytesPerSector;
 }
 
 NTFSParser::Bytes NTFSParser::recordBytes(void const* record) const {
@@ -157,7 +164,7 @@ void NTFSParser::read_upcase() {
     AttributeHits const hits =
         get_attributes(kUpcaseRecord, reinterpret_cast<ntfs_mft_record_t*>(record.data()), kData);
     if (hits.empty()) {
-        return;
+        return; // silently, as for a record that cannot be read; on purpose
     }
     auto const [holder, offset] = hits.front();
     if (holder != kUpcaseRecord && read_mft_record(holder, record.data()) != 0) {
@@ -168,16 +175,12 @@ void NTFSParser::read_upcase() {
     for (ntfs_runlist const& run : runs) {
         total += static_cast<std::uint64_t>(run.length) * clusterSize();
     }
-    // Twice the bytes, on purpose: a second run is placed at twice its byte position. Two more keep the table there
-    // when it is empty.
-    if (total > (std::uint64_t{1} << 62)) {
-        throw std::bad_alloc();
-    }
-    auto table = std::make_unique<ZeroedBuffer>(total * 2 + 2);
-    std::span<std::uint8_t> const destination{table->data(), total * 2};
-    std::uint64_t const bytes = readRuns(destination, runs, BufferType::Units16, "Unable to read INDEX ENTRY");
-    upcase = std::move(table);
-    upcaseLength = static_cast<std::uint32_t>(bytes);
+    // Twice the bytes, on purpose: a second run is placed at twice its byte position. What no character can index is
+    // read and dropped. Two bytes more keep the table there when it is empty.
+    std::uint64_t const size = std::min(total, kLargestTable) * 2;
+    upcase = std::make_unique<ZeroedBuffer>(size + 2); // stays, with a length of 0, when a read fails; on purpose
+    upcaseLength = static_cast<std::uint32_t>(
+        readRuns({upcase->data(), size}, runs, BufferType::Units16, "Unable to read INDEX ENTRY"));
 }
 
 unsigned short const* NTFSParser::upcaseTable() const {

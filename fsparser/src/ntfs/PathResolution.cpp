@@ -49,6 +49,7 @@ void NTFSParser::resolve_cached_portion(std::string path, std::string& resolved,
     remaining = path.substr(last + SEPARATOR.size());
     resolved.erase(last);
     while (!resolved.empty()) {
+        // Byte for byte, on purpose: a directory in two letter cases has two entries.
         if (Element const* const hit = cache->find({resolved, 0}); hit != nullptr) {
             record = hit->inode;
             return;
@@ -120,6 +121,7 @@ ntfs_standard_information NTFSParser::getStandardInfo(std::string const& path) {
     }
     Bytes const attribute = from(buffer.bytes(), static_cast<std::uint64_t>(offset));
     auto const form = readAt<ntfs_resident_form>(attribute, kAttributeForm);
+    // 72 bytes whatever the value's length, on purpose.
     auto const value = form ? readAt<ntfs_standard_information>(attribute, form->value_offset.value()) : std::nullopt;
     if (!value) {
         throw std::runtime_error("Could not find STANDARD_INFORMATION for file " + path); // it is cut off

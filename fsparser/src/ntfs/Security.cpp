@@ -61,6 +61,9 @@ void NTFSParser::readSDS() {
     for (ntfs_runlist const& run : runs) {
         size += static_cast<std::uint64_t>(run.length) * clusterSize();
     }
+    if (size > volumeBytes()) {
+        throw std::runtime_error("Unable to read SDS entry"); // runs that overlap, or that the volume cannot hold
+    }
     sds = std::make_unique<ZeroedBuffer>(size);
     // A failure leaves the stream as far as it was read, and a later call uses that as it stands; on purpose.
     readRuns({sds->data(), sds->size()}, runs, BufferType::Bytes, "Unable to read SDS entry");
@@ -73,6 +76,7 @@ void NTFSParser::clearSDS() {
 std::vector<NTFS_ACL> NTFSParser::getACLFromSDS(unsigned long offset) const {
     Bytes const stream = sds == nullptr ? Bytes{} : sds->bytes();
     std::string const where = "Given $SDS offset " + std::to_string(offset);
+    // Only a greater offset is refused here, on purpose; and the entry's own length is not looked at.
     if (offset > stream.size()) {
         throw std::runtime_error(where + " exceeds length of $SDS data, which is " + std::to_string(stream.size()));
     }

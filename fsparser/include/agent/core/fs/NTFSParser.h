@@ -40,6 +40,10 @@ AGENT_EXPORT extern std::string const SEPARATOR;
 /// - Sparse runs are not turned into holes: the cluster of such a run is the previous one plus the last byte of its
 ///   length.
 /// - Of a child node's VCN in an index, only the lowest byte is read.
+/// - With clusters of 64 KiB and more, index blocks and non-resident attribute lists are looked for in the wrong place.
+/// - A $UpCase in several runs is put together with gaps, so that names may not match.
+/// - Of a standard information of 48 bytes (an older NTFS), getStandardInfo() returns what stands behind it as the
+/// rest.
 /// - Where $MFT itself is fragmented so that its attribute list names other records, construction is refused.
 class AGENT_EXPORT NTFSParser : public IBlockBitmapChunkProvider {
 public:
@@ -149,6 +153,7 @@ protected:
     int read_mft_record(unsigned long recordNumber, void* buffer) const;
     void read_mft_record_throw(unsigned long recordNumber, void* buffer, std::string const& context) const;
     int post_read_fixup(ntfs_record* record, unsigned int size) const;
+    // The buffer holds whole records, also when the last one begins less than a record before `total`.
     int post_read_fixup(void* buffer, unsigned int total, unsigned int recordSize) const;
     std::vector<ntfs_runlist> get_mft_runlist() const;
     ntfs_runlist runlist_from_vcn(std::vector<ntfs_runlist> const& runs, long& vcn) const;
@@ -168,6 +173,7 @@ protected:
 
     // Runlists (Runlist.cpp)
     unsigned int get_no_runlist(ntfs_attribute_record const* attribute) const;
+    // Given a pointer alone, an attribute's bytes end where its length says: what would lie on that border is cut off.
     std::vector<ntfs_runlist> get_run_list(ntfs_attribute_record const* attribute) const;
     std::vector<ntfs_runlist> get_data_runs(ntfs_attribute_record const* attribute) const;
     std::vector<ntfs_runlist> get_inode_runlist(unsigned long recordNumber) const;
@@ -208,6 +214,7 @@ private:
 
     AGENT_LOCAL std::uint32_t clusterSize() const;
     AGENT_LOCAL std::uint16_t clusterSize16() const;
+    AGENT_LOCAL std::uint64_t volumeBytes() const;
     AGENT_LOCAL Bytes recordBytes(void const* record) const;
     AGENT_LOCAL void deriveGeometry(void const* bootSector);
     AGENT_LOCAL std::vector<ntfs_runlist> directMftRuns() const;
@@ -244,7 +251,7 @@ private:
     std::int64_t totalSectors = 0;
     std::int64_t mftLcn = 0;
     std::uint32_t mftRecordSize = 0;
-    std::uint32_t upcaseLength = 0;
+    std::uint32_t upcaseLength = 0;          // bytes read, not units; on purpose
     std::unique_ptr<ZeroedBuffer> mftRecord; // record 0, fixed up
     std::unique_ptr<ZeroedBuffer> upcase;    // null until it is read
     std::unique_ptr<agent::LruCache<Element>> cache;
