@@ -8,6 +8,7 @@
 #include "imaging/Volume.h"
 
 #include <memory>
+#include <new>
 #include <stdexcept>
 #include <string>
 
@@ -26,6 +27,8 @@ std::unique_ptr<Parser> makeParser(Volume& volume, More const&... more) {
     try {
         return std::make_unique<Parser>(volume.logger(), static_cast<unsigned>(volume.alignment()), volume.reader(),
                                         more...);
+    } catch (std::bad_alloc const&) {
+        throw VolumeError(Trouble::Io, volume.path() + ": there is not enough memory for what its header asks for");
     } catch (std::runtime_error const& error) {
         std::string const text = error.what();
         std::string const logged = volume.logger().takeReason(text);

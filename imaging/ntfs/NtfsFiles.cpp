@@ -5,15 +5,19 @@
 #include "imaging/Answerer.h"
 #include "imaging/Detection.h"
 #include "imaging/Error.h"
-#include "imaging/LittleEndian.h"
 
 #include <cctype>
 
 namespace imaging::ntfs {
 
-using agent::core::fs::NTFSParser;
-
 namespace {
+
+/// Of a resident attribute: its header's length, and where the length of its value stands.
+constexpr std::size_t kResidentHeader = 0x18;
+constexpr std::size_t kValueLength = 0x10;
+
+/// A standard information of NTFS 3 has 72 bytes; an older one ends after 48.
+constexpr std::uint64_t kWholeValue = 72;
 
 /// The one value that the parser asks for.
 class CacheConfig : public agent::IConfig {
@@ -32,13 +36,13 @@ private:
     std::optional<unsigned long> capacity_;
 };
 
-std::unique_ptr<NTFSParser> openParser(Volume& volume, std::optional<unsigned long> capacity) {
+std::unique_ptr<Probe> openParser(Volume& volume, std::optional<unsigned long> capacity) {
     if (volume.fileSystem() != agent::core::fs::kNtfs) {
         throw VolumeError(Trouble::NotUnderstood, volume.path() + ": holds " + fileSystemName(volume.fileSystem()) +
                                                       "; files by path are answered for ntfs alone");
     }
     CacheConfig const config(capacity);
-    auto parser = makeParser<NTFSParser>(volume, config);
+    auto parser = makeParser<Probe>(volume, config);
     try {
         parser->extents(std::string()); // names can be compared only once this has loaded the upcase table
     } catch (std::runtime_error const& error) {
@@ -71,15 +75,14 @@ std::string toLibraryPath(std::string const& path) {
     return result;
 }
 
-Files::Files(Volume& volume, std::optional<unsigned long> cacheCapacity) : parser_(openParser(volume, cacheCapacity)) {
-    std::vector<std::uint8_t> const boot = volume.readBytes(0, kSectorBytes);
-    std::uint64_t const stored = boot[0x0D];
-    clusterSize_ = load(boot, 0x0B, 2) * (stored <= 0x80 ? stored : std::uint64_t{1} << (256 - stored));
-}
+Files::Files(Volume& volume, std::optional<unsigned long> cacheCapacity) : parser_(openParser(volume, cacheCapacity)) {}
 
 FileFacts Files::stat(std::string const& path) {
     std::string const own = toLibraryPath(path);
-    return {parser_->convert_to_inode(own), parser_->getStandardInfo(own)};
+    unsigned long const record = parser_->convert_to_inode(own);
+    Probe::Attributes const stored = parser_->attributesOf(record, agent::core::fs::kStandardInformation, boot_);
+    bool const isWhole = stored.first.size() >= kResidentHeader && load(stored.first, kValueLength, 4) >= kWholeValue;
+    return {record, parser_->getStandardInfo(own), isWhole};
 }
 
 std::vector<agent::BlockRange> Files::extents(std::string const& path) {

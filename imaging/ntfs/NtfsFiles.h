@@ -4,6 +4,7 @@
 #include "agent/BlockRange.h"
 #include "agent/core/fs/NTFSParser.h"
 #include "imaging/Volume.h"
+#include "imaging/ntfs/NtfsProbe.h"
 
 #include <cstdint>
 #include <memory>
@@ -17,6 +18,8 @@ namespace imaging::ntfs {
 struct FileFacts {
     unsigned long record;
     agent::core::fs::ntfs_standard_information information;
+    bool isWhole; ///< false when the stored value ends after 48 bytes: what the library returns from owner_id on is not
+                  ///< it
 };
 
 /// Answers questions about files by path. All paths of one object share the parser's cache.
@@ -35,11 +38,11 @@ public:
     std::vector<agent::core::fs::NTFS_ACL> accessLists(std::string const& path);
 
     /// Bytes of a cluster.
-    std::uint64_t clusterSize() const { return clusterSize_; }
+    std::uint64_t clusterSize() const { return boot_.clusterSize(); }
 
 private:
-    std::unique_ptr<agent::core::fs::NTFSParser> parser_;
-    std::uint64_t clusterSize_;
+    std::unique_ptr<Probe> parser_;
+    Boot boot_;
 };
 
 /// The path as the library takes it: one backslash before each component.

@@ -1,16 +1,12 @@
-// The NTFS boot sector and the record of $Bitmap, as far as imaging must know them.
+// The NTFS parser with what must be true before its map is believed.
 #include "imaging/ntfs/NtfsGeometry.h"
 
-#include "agent/core/fs/NTFSParser.h"
 #include "imaging/Detection.h"
-#include "imaging/LittleEndian.h"
+#include "imaging/ntfs/NtfsProbe.h"
 
-#include <bit>
-#include <span>
+#include <algorithm>
 
 namespace imaging::ntfs {
-
-using agent::core::fs::NTFSParser;
 
 namespace {
 
@@ -19,104 +15,153 @@ constexpr std::uint64_t kChunkBytes = std::uint64_t{4} << 20;
 
 constexpr unsigned long kBitmapRecord = 6;
 
-/// Protected records end each 512 bytes with two that stand elsewhere.
-constexpr std::uint64_t kPlainBytes = 510;
+/// Of a non-resident attribute: its header's length, and where its flags and sizes stand.
+constexpr std::size_t kNonResidentHeader = 0x40;
+constexpr std::size_t kFlags = 0x0C;
+constexpr std::size_t kMappingPairs = 0x20;
+constexpr std::size_t kDataSize = 0x30;
+constexpr std::size_t kInitializedSize = 0x38;
 
-constexpr std::uint32_t kAttributeList = 0x20;
-
-/// The boot sector of a volume that the parser accepted, so that nothing here divides by zero.
-struct Boot {
-    std::uint64_t bytesPerSector;
-    std::uint64_t sectorsPerCluster;
-    std::uint64_t totalSectors;
+/// What the checks of $Bitmap look at.
+struct Facts {
+    std::uint64_t volumeBytes;
+    std::uint64_t clusterSize;
+    std::uint64_t clusters; ///< of the volume, as its boot sector has it
     std::uint64_t mftCluster;
-    std::int8_t clustersPerRecord;
+    std::vector<agent::BlockRange> runs; ///< of $Bitmap
 
-    std::uint64_t clusterSize() const { return bytesPerSector * sectorsPerCluster; }
-    std::uint64_t recordSize() const {
-        return clustersPerRecord >= 0 ? clusterSize() * static_cast<std::uint64_t>(clustersPerRecord)
-                                      : std::uint64_t{1} << -clustersPerRecord;
-    }
+    std::uint64_t bitmapBytes() const { return (clusters + 7) / 8; }
 };
 
-Boot parse(std::span<std::uint8_t const> sector) {
-    std::uint64_t const stored = sector[0x0D];
-    return {load(sector, 0x0B, 2), stored <= 0x80 ? stored : std::uint64_t{1} << (256 - stored), load(sector, 0x28, 8),
-            load(sector, 0x30, 8), static_cast<std::int8_t>(sector[0x40])};
-}
+using Reason = std::optional<std::string>;
 
-/// Whether the record of $Bitmap has an attribute list. Attributes ascend by type, and a list is the second one.
-bool hasAttributeList(std::span<std::uint8_t const> record) {
-    std::uint64_t offset = load(record, 0x14, 2);
-    while (offset + 8 <= kPlainBytes) {
-        std::uint64_t const type = load(record, offset, 4);
-        std::uint64_t const length = load(record, offset + 4, 4);
-        if (type >= kAttributeList || length == 0) {
-            return type == kAttributeList;
+/// Whether a mapping pair has no offset: a hole, which the parser takes for a run at another place.
+bool hasHole(AttributeBytes const& attribute) {
+    for (std::size_t place = load(attribute, kMappingPairs, 2); place < attribute.size() && attribute[place] != 0;) {
+        std::size_t const offsetSize = attribute[place] >> 4U;
+        if (offsetSize == 0) {
+            return true;
         }
-        offset += length;
+        place += 1 + (attribute[place] & 0x0FU) + offsetSize;
     }
     return false;
 }
 
-/// The first run of $Bitmap that does not lie in the volume: bits read from elsewhere would free clusters in use.
-std::optional<std::string> findMisplacedRun(std::vector<agent::BlockRange> const& runs, std::uint64_t clusters) {
-    for (agent::BlockRange const& run : runs) {
+/// The bitmap must be one plain attribute: parts in other records are put together in another order than theirs, and
+/// what was never written, compressed or left out is not what the clusters hold.
+Reason findOddAttribute(Probe::Attributes const& data, Facts const& facts) {
+    if (data.count != 1 || data.first.size() < kNonResidentHeader) {
+        return "the data of $Bitmap (record 6) stand in " + std::to_string(data.count) +
+               " attributes, and not in one of its own record: their order cannot be told";
+    }
+    if (std::uint64_t const flags = load(data.first, kFlags, 2); flags != 0) {
+        return "the data of $Bitmap (record 6) have the attribute flags " + std::to_string(flags) +
+               ": they are compressed, sparse or encrypted";
+    }
+    if (hasHole(data.first)) {
+        return "$Bitmap (record 6) has a hole, which holds no map";
+    }
+    std::uint64_t const valid = std::min(load(data.first, kDataSize, 8), load(data.first, kInitializedSize, 8));
+    if (valid < facts.bitmapBytes()) {
+        return "$Bitmap holds " + std::to_string(valid) + " bytes, and the volume's " + std::to_string(facts.clusters) +
+               " clusters need " + std::to_string(facts.bitmapBytes());
+    }
+    return std::nullopt;
+}
+
+/// Bits read from a wrong place would free clusters in use.
+Reason findMisplacedRun(Facts const& facts) {
+    std::uint64_t const clusters = std::min(facts.clusters, facts.volumeBytes / facts.clusterSize);
+    for (agent::BlockRange const& run : facts.runs) {
         auto const first = static_cast<std::uint64_t>(run.first);
         auto const count = static_cast<std::uint64_t>(run.count);
         if (run.first < 0 || run.count <= 0 || first >= clusters || count > clusters - first) {
             return "$Bitmap has a run of " + std::to_string(run.count) + " clusters at cluster " +
-                   std::to_string(run.first) + ", where none can be (the volume has " + std::to_string(clusters) +
+                   std::to_string(run.first) + ", where none can be (the volume holds " + std::to_string(clusters) +
                    " clusters)";
+        }
+    }
+    if (facts.bitmapBytes() > facts.volumeBytes) {
+        return "the volume's " + std::to_string(facts.clusters) + " clusters need a $Bitmap of " +
+               std::to_string(facts.bitmapBytes()) + " bytes, more than the volume itself has";
+    }
+    return std::nullopt;
+}
+
+/// Whether the map says that every cluster of a range is used.
+bool isUsed(Probe const& parser, Facts const& facts, std::uint64_t first, std::uint64_t count) {
+    // In several runs only a request from cluster 0 is read from the right place.
+    std::uint64_t const start = facts.runs.size() > 1 ? 0 : first / 8 * 8;
+    std::vector<char> bits((first + count - start + 7) / 8);
+    long const units = parser.getChunk(start, bits.data(), bits.size());
+    if (units < 0 || static_cast<std::uint64_t>(units) < first + count - start) {
+        return false;
+    }
+    for (std::uint64_t cluster = first - start; cluster < first - start + count; ++cluster) {
+        if ((static_cast<unsigned char>(bits[cluster / 8]) >> (cluster % 8) & 1U) == 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
+/// A bitmap that calls the boot sector, $MFT or itself free was read from something that is no bitmap.
+Reason findContradiction(Probe const& parser, Facts const& facts) {
+    std::vector<agent::BlockRange> mustBeUsed = facts.runs;
+    mustBeUsed.push_back({0, 1});
+    mustBeUsed.push_back({static_cast<std::int64_t>(facts.mftCluster), 1});
+    for (agent::BlockRange const& range : mustBeUsed) {
+        if (!isUsed(parser, facts, static_cast<std::uint64_t>(range.first), static_cast<std::uint64_t>(range.count))) {
+            return "$Bitmap calls cluster " + std::to_string(range.first) +
+                   " free, which holds the boot sector, $MFT or $Bitmap itself";
         }
     }
     return std::nullopt;
 }
 
-std::optional<std::string> findLimit(Volume& volume, Boot const& boot) {
-    std::uint64_t const place = boot.mftCluster * boot.clusterSize() + kBitmapRecord * boot.recordSize();
-    if (hasAttributeList(volume.readBytes(place, kSectorBytes))) {
-        return "the record of $Bitmap (6, at byte " + std::to_string(place) +
-               ") has an attribute list, whose parts of the bitmap are not put together in their order";
+/// Every such condition, in an order in which each may rely on the ones before it; the first that applies is told.
+Reason findLimit(Probe const& parser, Boot const& boot, Facts const& facts) {
+    Reason reason = findOddAttribute(parser.attributesOf(kBitmapRecord, agent::core::fs::kData, boot), facts);
+    if (!reason) {
+        reason = findMisplacedRun(facts);
     }
-    return std::nullopt;
+    return reason ? reason : findContradiction(parser, facts);
 }
 
-std::vector<agent::BlockRange> bitmapRuns(Volume& volume, NTFSParser& parser) {
-    try {
-        return parser.extents(kBitmapRecord);
-    } catch (std::runtime_error const& error) {
-        throw VolumeError(Trouble::Io, volume.path() + ": the runs of $Bitmap cannot be read: " + error.what());
-    }
-}
-
-} // namespace
-
-Answerer open(Volume& volume) {
-    auto parser = makeParser<NTFSParser>(volume);
-    Boot const boot = parse(volume.readBytes(0, kSectorBytes));
+Geometry readGeometry(Volume& volume, Boot const& boot) {
     Geometry geometry;
     geometry.unitSize = boot.clusterSize();
     geometry.units = boot.totalSectors / boot.sectorsPerCluster;
+    geometry.chunkBytes = kChunkBytes;
     if (geometry.units == 0 || geometry.units > (std::uint64_t{1} << 63) / geometry.unitSize - 1) {
         throw VolumeError(Trouble::NotUnderstood, volume.path() +
                                                       ": the NTFS boot sector at byte 0 describes no volume: it has " +
                                                       std::to_string(boot.totalSectors) + " sectors");
     }
-    geometry.chunkBytes = kChunkBytes;
+    return geometry;
+}
+
+} // namespace
+
+Answerer open(Volume& volume) {
+    auto parser = makeParser<Probe>(volume);
+    Boot const boot = parseBoot(volume.readBytes(0, kSectorBytes));
+    Geometry geometry = readGeometry(volume, boot);
     if (volume.size() < geometry.units * geometry.unitSize) {
         volume.reader().forbidTail(); // the last unit of a truncated volume may cut through $Bitmap
     }
-    std::vector<agent::BlockRange> const runs = bitmapRuns(volume, *parser);
-    geometry.notBelieved = findLimit(volume, boot);
-    if (!geometry.notBelieved) {
-        geometry.notBelieved = findMisplacedRun(runs, geometry.units);
+    try {
+        Facts const facts{volume.size(), geometry.unitSize, geometry.units, boot.mftCluster,
+                          parser->extents(kBitmapRecord)};
+        geometry.notBelieved = findLimit(*parser, boot, facts);
+        geometry.isOneRequest = facts.runs.size() > 1;
+    } catch (std::runtime_error const& error) {
+        throw VolumeError(Trouble::Io, volume.path() + ": $Bitmap (record 6) cannot be read: " + error.what());
     }
     if (geometry.notBelieved) {
+        volume.logger().takeReason(""); // the reason is told in its own words
         return allUsed(std::move(geometry));
     }
-    // With $Bitmap in several runs, only a request from cluster 0 is read from the right place.
-    geometry.isOneRequest = runs.size() > 1;
     return {std::move(geometry), std::move(parser)};
 }
 

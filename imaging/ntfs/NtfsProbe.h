@@ -1,0 +1,33 @@
+// The NTFS parser, with a look at the records behind its answers.
+#pragma once
+
+#include "agent/core/fs/NTFSParser.h"
+#include "imaging/ntfs/NtfsBoot.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace imaging::ntfs {
+
+/// An attribute's bytes from its header to the end of its record; empty when there is none.
+using AttributeBytes = std::vector<std::uint8_t>;
+
+/// A parser that also tells how records are built, so that imaging can see where an answer must not be believed.
+class Probe : public agent::core::fs::NTFSParser {
+public:
+    using NTFSParser::NTFSParser;
+
+    /// How many attributes of a type a record has, those in extension records included, and the first one's bytes when
+    /// that one stands in the record itself.
+    struct Attributes {
+        std::size_t count = 0;
+        AttributeBytes first = {};
+    };
+
+    /// @throws std::runtime_error  the record is damaged
+    Attributes attributesOf(unsigned long record, agent::core::fs::NtfsAttrTypes type, Boot const& boot) const;
+};
+
+} // namespace imaging::ntfs
