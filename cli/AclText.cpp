@@ -138,6 +138,9 @@ std::string sddlFlags(std::uint64_t flags) {
 
 std::string sddlRights(std::uint64_t mask, std::string const& type) {
     if (type == "ML") {
+        if ((mask & ~std::uint64_t{7}) != 0) {
+            return fmt::format("{:#x}", mask);
+        }
         return std::string((mask & 1) != 0 ? "NW" : "") + ((mask & 2) != 0 ? "NR" : "") + ((mask & 4) != 0 ? "NX" : "");
     }
     for (Name const& right : kFileRights) {

@@ -6,9 +6,11 @@
 #include "imaging/Error.h"
 
 #include <cerrno>
+#include <filesystem>
 #include <fmt/format.h>
 #include <fstream>
 #include <iostream>
+#include <variant>
 
 namespace cli {
 
@@ -31,13 +33,31 @@ std::vector<std::string> allPaths(Options const& options) {
         appendLines(std::cin, paths);
     } else if (!options.pathList.empty()) {
         std::ifstream file(options.pathList);
-        if (!file) {
+        if (!file || std::filesystem::is_directory(options.pathList)) {
+            errno = file ? EISDIR : errno;
             throw imaging::VolumeError(imaging::Trouble::Io,
                                        options.pathList + ": cannot be opened: " + agent::PosixError::strerror(errno));
         }
         appendLines(file, paths);
     }
     return paths;
+}
+
+/// Why a path has no answer.
+struct Refusal {
+    std::string reason;
+    ExitCode code; ///< kFailure when reading failed, otherwise kNotUnderstood
+};
+
+std::variant<Json, Refusal> ask(FileAnswer const& answer, imaging::ntfs::Files& files, std::string const& path,
+                                imaging::Volume& volume) {
+    try {
+        return answer(files, path);
+    } catch (std::exception const& error) {
+        std::string const logged = volume.logger().takeReason("");
+        return Refusal{error.what() + (logged.empty() ? "" : " (" + logged + ")"),
+                       logged.empty() ? kNotUnderstood : kFailure};
+    }
 }
 
 } // namespace
@@ -52,21 +72,17 @@ ExitCode queryFiles(Options const& options, Console& console, std::string const&
     ExitCode code = kOk;
     for (std::string const& path : allPaths(options)) {
         checkInterrupt(0);
-        Json entry{{"path", path}};
-        try {
-            Json const found = answer(files, path);
-            if (options.json) {
-                entry.update(found);
-            } else {
-                print(path, found);
-            }
-        } catch (std::runtime_error const& error) {
-            console.error(volume.path() + ": " + path + ": " + error.what());
-            entry["error"] = error.what();
-            code = kNotUnderstood;
-        }
-        if (options.json) {
+        std::variant<Json, Refusal> const answered = ask(answer, files, path, volume);
+        if (auto const* const refusal = std::get_if<Refusal>(&answered)) {
+            console.error(volume.path() + ": " + path + ": " + refusal->reason);
+            list.push_back({{"path", path}, {"error", refusal->reason}});
+            code = code == kFailure ? kFailure : refusal->code;
+        } else if (options.json) {
+            Json entry{{"path", path}};
+            entry.update(std::get<Json>(answered));
             list.push_back(std::move(entry));
+        } else {
+            print(path, std::get<Json>(answered));
         }
     }
     if (options.json) {

@@ -34,7 +34,7 @@ TEST(CommandMistakes, AnOutputWithoutANameIsAUsageError) {
 TEST(CommandMistakes, HelpThatCannotBeWrittenIsAnError) {
     for (char const* const option : {"--help", "--version"}) {
         CommandOptions options = plainOptions();
-        options.outputFile = "/dev/full";
+        options.outputPath = "/dev/full";
         EXPECT_EQ(fsparser({option}, options).exitCode, 1) << option;
     }
 }
