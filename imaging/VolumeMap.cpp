@@ -89,7 +89,7 @@ std::uint64_t VolumeMap::nextChunk(std::uint64_t unit, std::vector<char>& chunk)
         throw VolumeError(Trouble::Io, where + volume_.logger().takeReason("code " + std::to_string(count)));
     } catch (VolumeError const&) {
         throw;
-    } catch (std::runtime_error const& error) {
+    } catch (std::exception const& error) {
         throw VolumeError(Trouble::Io, where + error.what());
     }
 }

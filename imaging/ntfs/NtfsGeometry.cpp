@@ -17,7 +17,9 @@ constexpr unsigned long kBitmapRecord = 6;
 
 /// Of a non-resident attribute: its header's length, and where its flags and sizes stand.
 constexpr std::size_t kNonResidentHeader = 0x40;
+constexpr std::size_t kNonResident = 0x08;
 constexpr std::size_t kFlags = 0x0C;
+constexpr std::size_t kLowestVcn = 0x10;
 constexpr std::size_t kMappingPairs = 0x20;
 constexpr std::size_t kDataSize = 0x30;
 constexpr std::size_t kInitializedSize = 0x38;
@@ -50,9 +52,12 @@ bool hasHole(AttributeBytes const& attribute) {
 /// The bitmap must be one plain attribute: parts in other records are put together in another order than theirs, and
 /// what was never written, compressed or left out is not what the clusters hold.
 Reason findOddAttribute(Probe::Attributes const& data, Facts const& facts) {
-    if (data.count != 1 || data.first.size() < kNonResidentHeader) {
+    if (data.count == 1 && data.first.size() >= kNonResidentHeader && data.first[kNonResident] != 1) {
+        return "the data of $Bitmap (record 6) are kept in the record itself, where the parser does not look";
+    }
+    if (data.count != 1 || data.first.size() < kNonResidentHeader || load(data.first, kLowestVcn, 8) != 0) {
         return "the data of $Bitmap (record 6) stand in " + std::to_string(data.count) +
-               " attributes, and not in one of its own record: their order cannot be told";
+               " parts, and not in one that stands whole in that record: their order cannot be told";
     }
     if (std::uint64_t const flags = load(data.first, kFlags, 2); flags != 0) {
         return "the data of $Bitmap (record 6) have the attribute flags " + std::to_string(flags) +
@@ -155,7 +160,7 @@ Answerer open(Volume& volume) {
                           parser->extents(kBitmapRecord)};
         geometry.notBelieved = findLimit(*parser, boot, facts);
         geometry.isOneRequest = facts.runs.size() > 1;
-    } catch (std::runtime_error const& error) {
+    } catch (std::exception const& error) {
         throw VolumeError(Trouble::Io, volume.path() + ": $Bitmap (record 6) cannot be read: " + error.what());
     }
     if (geometry.notBelieved) {

@@ -7,6 +7,13 @@ namespace imaging::ntfs {
 
 using agent::core::fs::ntfs_mft_record_t;
 
+namespace {
+
+/// Where an attribute has the length of its name.
+constexpr std::size_t kNameLength = 0x09;
+
+} // namespace
+
 Probe::Attributes Probe::attributesOf(unsigned long record, agent::core::fs::NtfsAttrTypes type,
                                       Boot const& boot) const {
     std::vector<std::uint8_t> buffer(boot.recordSize());
@@ -14,9 +21,17 @@ Probe::Attributes Probe::attributesOf(unsigned long record, agent::core::fs::Ntf
         throw std::runtime_error("Could not read MFT record " + std::to_string(record));
     }
     AttributeHits const hits = get_attributes(record, reinterpret_cast<ntfs_mft_record_t*>(buffer.data()), type);
-    Attributes result{hits.size()};
-    if (!hits.empty() && hits.front().first == record) {
-        result.first.assign(buffer.begin() + hits.front().second, buffer.end());
+    Attributes result;
+    for (auto const& [holder, offset] : hits) {
+        bool const isOwn = holder == record;
+        auto const* const attribute = buffer.data() + (isOwn ? offset : 0);
+        if (isOwn && attribute[kNameLength] != 0) {
+            continue;
+        }
+        if (isOwn && result.count == 0) {
+            result.first.assign(attribute, buffer.data() + buffer.size());
+        }
+        ++result.count;
     }
     return result;
 }

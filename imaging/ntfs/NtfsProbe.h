@@ -19,11 +19,10 @@ class Probe : public agent::core::fs::NTFSParser {
 public:
     using NTFSParser::NTFSParser;
 
-    /// How many attributes of a type a record has, those in extension records included, and the first one's bytes when
-    /// that one stands in the record itself.
+    /// The unnamed attributes of one type that a record has, those in extension records included.
     struct Attributes {
-        std::size_t count = 0;
-        AttributeBytes first = {};
+        std::size_t count = 0;     ///< how many; one in an extension record counts whatever its name
+        AttributeBytes first = {}; ///< the first one's bytes, when it stands in the record itself before all others
     };
 
     /// @throws std::runtime_error  the record is damaged

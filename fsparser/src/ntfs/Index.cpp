@@ -139,7 +139,8 @@ ntfs_index_entry NTFSParser::btree_lookup(unsigned long parent, BTreeKey const& 
     constexpr std::uint64_t indexHeader = offsetof(ntfs_index_root, index);
     IndexNode node{root, indexHeader + header->index.entries_offset.value(),
                    indexHeader + header->index.index_length.value()};
-    if (isMatch(walkNode(node, prepared), node.entry(), key.type)) {
+    bool const found = walkNode(node, prepared); // moves to the entry that is looked at next
+    if (isMatch(found, node.entry(), key.type)) {
         return node.copy();
     }
     if (!hasChild(node.entry())) {
@@ -196,7 +197,8 @@ ntfs_index_entry NTFSParser::descend(unsigned long parent, PreparedKey const& ke
         constexpr std::uint64_t indexHeader = offsetof(ntfs_index_allocation, index);
         IndexNode node{block.bytes(), indexHeader + header->index.entries_offset.value(),
                        indexHeader + header->index.index_length.value()};
-        if (isMatch(walkNode(node, key), node.entry(), key.key.type)) {
+        bool const found = walkNode(node, key);
+        if (isMatch(found, node.entry(), key.key.type)) {
             return node.copy();
         }
         if (!hasChild(node.entry())) {
@@ -312,7 +314,7 @@ void NTFSParser::checkEntry(Bytes entry, PreparedKey const& key) const {
     }
     if (key.key.type == kFileNameKey) {
         // An entry shorter than its fixed part has no name length that could be read.
-        if (length < kEntryName || kEntryName + 2U * entry[kEntryNameLength] > length) {
+        if (length < kEntryName || kEntryName + std::uint64_t{2} * entry[kEntryNameLength] > length) {
             throw std::runtime_error("Filename overflow from index entry for key: " + key.text());
         }
         return;

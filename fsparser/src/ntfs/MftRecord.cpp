@@ -7,8 +7,10 @@
 #include "ntfs/Shifts.h"
 #include "ntfs/Walks.h"
 
+#include <algorithm>
 #include <cstring>
 #include <stdexcept>
+#include <string_view>
 
 namespace agent::core::fs {
 
@@ -33,7 +35,7 @@ enum RecordCode : int {
 /// Where the layout stands that carries the record's number.
 constexpr std::uint16_t kNumberedLayout = 0x30;
 
-constexpr char const* kTornMagic = "BAAD";
+constexpr std::string_view kTornMagic = "BAAD";
 
 std::uint16_t word(std::uint8_t const* place) {
     le16 value{};
@@ -80,15 +82,16 @@ int NTFSParser::post_read_fixup(ntfs_record* record, unsigned int size) const {
     if (offset + 2 * (strides + 1) > size) {
         return -1; // the last entry would lie past the record
     }
+    auto const tail = [bytes](std::uint32_t stride) { return bytes + std::size_t{kStride} * (stride + 1) - 2; };
     std::uint16_t const sequence = word(bytes + offset);
     for (std::uint32_t i = 0; i < strides; ++i) {
-        if (word(bytes + kStride * i + kStride - 2) != sequence) {
-            std::memcpy(bytes, kTornMagic, 4);
+        if (word(tail(i)) != sequence) {
+            std::copy_n(kTornMagic.data(), kTornMagic.size(), bytes);
             return -1;
         }
     }
     for (std::uint32_t i = 0; i < strides; ++i) {
-        std::memmove(bytes + kStride * i + kStride - 2, bytes + offset + 2 * (i + 1), 2);
+        std::memmove(tail(i), bytes + offset + std::size_t{2} * (i + 1), 2);
     }
     return 0;
 }

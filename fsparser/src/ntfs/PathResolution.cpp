@@ -80,7 +80,10 @@ void NTFSParser::resolve_uncached_portion(std::string resolved, std::string rema
         if (remaining.empty()) {
             return; // the final component is never cached
         }
-        resolved = resolved.empty() ? component : resolved + SEPARATOR + component;
+        if (!resolved.empty()) {
+            resolved += SEPARATOR;
+        }
+        resolved += component;
         cache->put({resolved, record});
     }
 }

@@ -79,6 +79,7 @@ public:
     /// is filled. Negative results: -508 no sectors in a cluster; -520 the cluster counts differ; -535 the offset is
     /// not a multiple of 8; -559 $Bitmap is too short; -1 a read failed.
     /// @throws std::runtime_error  what the records of $Bitmap throw
+    /// @throws std::bad_alloc      an attribute claims a size that memory cannot hold; so do the operations below
     long getChunk(unsigned long offset, char* buffer, unsigned long length) const override;
 
     /// The clusters of a file's data, sorted by first cluster: `first` is a cluster number, `count` is in clusters.
