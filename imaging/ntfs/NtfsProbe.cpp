@@ -23,13 +23,12 @@ Probe::Attributes Probe::attributesOf(unsigned long record, agent::core::fs::Ntf
     AttributeHits const hits = get_attributes(record, reinterpret_cast<ntfs_mft_record_t*>(buffer.data()), type);
     Attributes result;
     for (auto const& [holder, offset] : hits) {
-        bool const isOwn = holder == record;
-        auto const* const attribute = buffer.data() + (isOwn ? offset : 0);
-        if (isOwn && attribute[kNameLength] != 0) {
+        auto const attribute = buffer.cbegin() + (holder == record ? offset : 0);
+        if (holder == record && attribute[kNameLength] != 0) {
             continue;
         }
-        if (isOwn && result.count == 0) {
-            result.first.assign(attribute, buffer.data() + buffer.size());
+        if (holder == record && result.count == 0) {
+            result.first.assign(attribute, buffer.cend());
         }
         ++result.count;
     }
