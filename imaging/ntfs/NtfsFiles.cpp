@@ -75,7 +75,8 @@ std::string toLibraryPath(std::string const& path) {
     return result;
 }
 
-Files::Files(Volume& volume, std::optional<unsigned long> cacheCapacity) : parser_(openParser(volume, cacheCapacity)) {}
+Files::Files(Volume& volume, std::optional<unsigned long> cacheCapacity)
+    : parser_(openParser(volume, cacheCapacity)), boot_(parseBoot(volume.readBytes(0, kSectorBytes))) {}
 
 FileFacts Files::stat(std::string const& path) {
     std::string const own = toLibraryPath(path);
