@@ -78,12 +78,16 @@ std::string toLibraryPath(std::string const& path) {
 Files::Files(Volume& volume, std::optional<unsigned long> cacheCapacity)
     : parser_(openParser(volume, cacheCapacity)), boot_(parseBoot(volume.readBytes(0, kSectorBytes))) {}
 
+bool Files::isInformationWhole(unsigned long record) const {
+    Probe::Attributes const stored = parser_->attributesOf(record, agent::core::fs::kStandardInformation, boot_);
+    // Where there is none, the library says so in its own words.
+    return stored.first.size() < kResidentHeader || load(stored.first, kValueLength, 4) >= kWholeValue;
+}
+
 FileFacts Files::stat(std::string const& path) {
     std::string const own = toLibraryPath(path);
     unsigned long const record = parser_->convert_to_inode(own);
-    Probe::Attributes const stored = parser_->attributesOf(record, agent::core::fs::kStandardInformation, boot_);
-    bool const isWhole = stored.first.size() >= kResidentHeader && load(stored.first, kValueLength, 4) >= kWholeValue;
-    return {record, parser_->getStandardInfo(own), isWhole};
+    return {record, parser_->getStandardInfo(own), isInformationWhole(record)};
 }
 
 std::vector<agent::BlockRange> Files::extents(std::string const& path) {
@@ -91,7 +95,12 @@ std::vector<agent::BlockRange> Files::extents(std::string const& path) {
 }
 
 std::vector<agent::core::fs::NTFS_ACL> Files::accessLists(std::string const& path) {
-    return parser_->readACLFromFile(toLibraryPath(path));
+    std::string const own = toLibraryPath(path);
+    if (!isInformationWhole(parser_->convert_to_inode(own))) {
+        throw std::runtime_error("its standard information has 48 bytes, as an older NTFS writes it, and names no "
+                                 "security descriptor in $Secure");
+    }
+    return parser_->readACLFromFile(own);
 }
 
 } // namespace imaging::ntfs

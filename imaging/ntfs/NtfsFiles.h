@@ -33,6 +33,7 @@ public:
     Files(Volume& volume, std::optional<unsigned long> cacheCapacity);
 
     /// Each throws std::runtime_error with the library's reason when the path is not there or its records are damaged.
+    /// accessLists() also throws for a file whose standard information names no descriptor.
     FileFacts stat(std::string const& path);
     std::vector<agent::BlockRange> extents(std::string const& path);
     std::vector<agent::core::fs::NTFS_ACL> accessLists(std::string const& path);
@@ -41,6 +42,8 @@ public:
     std::uint64_t clusterSize() const { return boot_.clusterSize(); }
 
 private:
+    bool isInformationWhole(unsigned long record) const;
+
     std::unique_ptr<Probe> parser_;
     Boot boot_;
 };
