@@ -51,9 +51,8 @@ constexpr std::array kFlags{
     Name{0x80, "failed-access", "FA"},
 };
 
-/// Whole masks that SDDL has a word for.
+/// Whole masks that SDDL has a word for. That for all rights is left out: not every reader takes it for 0x1f01ff.
 constexpr std::array kFileRights{
-    Name{0x1F01FF, nullptr, "FA"},
     Name{0x120089, nullptr, "FR"},
     Name{0x120116, nullptr, "FW"},
     Name{0x1200A0, nullptr, "FX"},
@@ -151,6 +150,18 @@ std::string sddlRights(std::uint64_t mask, std::string const& type) {
     return fmt::format("{:#x}", mask);
 }
 
+/// As SDDL has it: abbreviated, or with an authority of more than 32 bits marked as hexadecimal.
+std::string sddlTrustee(std::string const& sid) {
+    constexpr std::size_t authority = 4; // behind "S-1-"
+    Trustee const* const trustee = findTrustee(sid);
+    if (trustee != nullptr && trustee->sddl != nullptr) {
+        return trustee->sddl;
+    }
+    std::string const number = sid.substr(authority, sid.find('-', authority) - authority);
+    bool const isHexadecimal = number.size() > 10 || number.find_first_of("abcdef") != std::string::npos;
+    return isHexadecimal ? sid.substr(0, authority) + "0x" + sid.substr(authority) : sid;
+}
+
 std::string sddlList(char letter, NTFS_ACL const& list) {
     std::string text = fmt::format("{}:{}", letter, list.inheritanceAllowed ? "" : "P");
     for (NTFS_ACE const& entry : list.aces) {
@@ -158,9 +169,8 @@ std::string sddlList(char letter, NTFS_ACL const& list) {
         if (type.empty()) {
             continue;
         }
-        Trustee const* const trustee = findTrustee(entry.sid);
         text += fmt::format("({};{};{};;;{})", type, sddlFlags(entry.flags), sddlRights(entry.accessMask, type),
-                            trustee != nullptr && trustee->sddl != nullptr ? trustee->sddl : entry.sid);
+                            sddlTrustee(entry.sid));
     }
     return text;
 }

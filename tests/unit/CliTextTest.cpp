@@ -89,10 +89,10 @@ TEST(ListKinds, OneAloneIsToldByItsModes) {
 
 TEST(Sddl, OfListsThatAreOften) {
     EXPECT_EQ(cli::toSddl({{2, true, {entry(2, 3, 0x1F01FF, "S-1-5-32-544"), entry(3, 0, 0x10000, "S-1-1-0")}}}),
-              "D:(A;OICI;FA;;;BA)(D;;0x10000;;;WD)");
+              "D:(A;OICI;0x1f01ff;;;BA)(D;;0x10000;;;WD)");
     EXPECT_EQ(cli::toSddl({{2, false, {entry(5, 0x40, 0x1F01FF, "S-1-1-0")}},
                            {2, false, {entry(2, 0x1B, 0x120089, "S-1-3-0")}}}),
-              "D:P(A;OICIIOID;FR;;;CO)S:P(AU;SA;FA;;;WD)");
+              "D:P(A;OICIIOID;FR;;;CO)S:P(AU;SA;0x1f01ff;;;WD)");
     EXPECT_EQ(cli::toSddl({}), "");
 }
 
