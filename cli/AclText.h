@@ -27,9 +27,9 @@ std::vector<std::string> flagNames(std::uint64_t flags);
 /// The name of a well-known security identifier, or an empty string.
 std::string wellKnownName(std::string const& sid);
 
-/// The lists as SDDL, the discretionary one first: "D:P(A;OICI;0x1f01ff;;;BA)S:(AU;SA;0x1f01ff;;;WD)". Entries of a type that the
-/// library does not tell (labels, attributes) are written as a label when their trustee is one, and are left out
-/// otherwise; the GUIDs of object entries are not known and so not written.
+/// The lists as SDDL, the discretionary one first: "D:P(A;OICI;0x1f01ff;;;BA)S:(AU;SA;0x1f01ff;;;WD)". Entries of a
+/// type that the library does not tell (labels, attributes) are written as a label when their trustee is one, and are
+/// left out otherwise; the GUIDs of object entries are not known and so not written.
 std::string toSddl(std::vector<agent::core::fs::NTFS_ACL> const& lists);
 
 } // namespace cli
