@@ -38,7 +38,8 @@ MappingPairs locate(std::span<std::uint8_t const> attribute) {
 /// The little-endian signed number of `size` bytes (at least 1) that begins at `first`; of more than eight bytes the
 /// upper ones shift out. The bytes must be at hand.
 std::int64_t signedNumber(std::span<std::uint8_t const> bytes, std::uint64_t first, std::uint32_t size) {
-    std::int64_t const top = static_cast<std::int8_t>(bytes[first + size - 1]); // sign-extended
+    // The sign is extended.
+    std::int64_t const top = static_cast<std::int8_t>(bytes[first + size - 1]); // NOLINT(bugprone-signed-char-misuse)
     auto value = static_cast<std::uint64_t>(top);
     for (std::uint32_t i = size - 1; i-- > 0;) {
         value = (value << 8) | bytes[first + i];
