@@ -221,14 +221,14 @@ TEST(CommandAcl, PrintsListsInWords) {
 TEST(CommandAcl, PrintsSddl) {
     StandardVolume const volume;
     EXPECT_EQ(dataOf({"acl", "--sddl", volume.path, "readme.txt", "/"}),
-              "D:(A;;FA;;;SY)(A;;0x1200a9;;;WD)\treadme.txt\nD:(A;;FA;;;SY)(A;;0x1200a9;;;WD)\t/\n");
+              "D:(A;;0x1f01ff;;;SY)(A;;0x1200a9;;;WD)\treadme.txt\nD:(A;;0x1f01ff;;;SY)(A;;0x1200a9;;;WD)\t/\n");
 }
 
 TEST(CommandAcl, JsonHasNumbersAndWords) {
     StandardVolume const volume;
     Json const document = documentOf({"acl", "--json", volume.path, "readme.txt"});
     Json const& file = document["files"][0];
-    EXPECT_EQ(file["sddl"], "D:(A;;FA;;;SY)(A;;0x1200a9;;;WD)");
+    EXPECT_EQ(file["sddl"], "D:(A;;0x1f01ff;;;SY)(A;;0x1200a9;;;WD)");
     ASSERT_EQ(file["lists"].size(), 1U);
     EXPECT_EQ(file["lists"][0]["list"], "discretionary");
     EXPECT_EQ(file["lists"][0]["revision"], 2);
@@ -246,7 +246,7 @@ TEST(CommandAcl, AnUnknownSecurityIdentifierIsTheFilesOwnTrouble) {
     volume.write();
     CommandResult const result = fsparser({"acl", "--sddl", volume.path, "readme.txt", "docs"});
     EXPECT_EQ(result.exitCode, 3) << result;
-    EXPECT_EQ(result.output, "D:(A;;FA;;;SY)(A;;0x1200a9;;;WD)\tdocs\n");
+    EXPECT_EQ(result.output, "D:(A;;0x1f01ff;;;SY)(A;;0x1200a9;;;WD)\tdocs\n");
     EXPECT_EQ(result.error, "fsparser: " + volume.path +
                                 ": readme.txt: Failed to read ACLs for \"\\readme.txt\": Entry not found - between "
                                 "root entries for key 999\n");
