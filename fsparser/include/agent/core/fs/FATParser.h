@@ -3,15 +3,46 @@
 #pragma once
 
 #include "agent/Export.h"
+#include "agent/core/IVolumeReader.h"
+#include "agent/core/fs/IBlockBitmapChunkProvider.h"
+#include "agent/info/Logger.h"
+
+#include <cstdint>
 
 namespace agent::core::fs {
 
 struct fat_boot_sector;
 
-/// Recognises FAT volumes by the type label in their boot sector.
-class AGENT_EXPORT FATParser {
+/// The used space of a FAT32 volume, from its first file allocation table. A unit is a cluster-sized piece of the
+/// volume counted from volume byte 0 (unit u covers the bytes from u * cluster size on), not a cluster of the table:
+/// the reserved area and the tables are covered too and always count as used. Least significant bit first.
+///
+/// Limits that are kept on purpose, so that a caller must know them:
+/// - The map is exact for a single request that starts at unit 0 and whose buffer holds the whole map (at least
+///   units / 8 bytes). A later request consults the table at shifted entries, and one that starts inside the data area
+///   consults entries that it never read: **the process is aborted** then.
+/// - Even a request from unit 0 reaches past the entries it read, and aborts, when the data area starts less than one
+///   whole cluster after byte 0 (two, when it does not start at a multiple of the cluster size).
+/// - Of the sectors per FAT only the low 16 bits are kept; tables of 65536 sectors and more are mis-sized.
+/// - The first table is read, whatever the mirroring flags say. A start beyond the last unit is not answered with 0.
+///
+/// The boot sector is read once, at construction. A request reads its stretch of the table in one piece (4 bytes a
+/// unit and 4 more) and holds nothing afterwards. Logger and volume reader are not owned and must outlive the parser;
+/// one thread at a time.
+///
+/// Memory: 8 bytes for each unit requested while the table is read, 4 afterwards, in pages that the volume fills; never
+/// more than 64 times the caller's own buffer.
+class AGENT_EXPORT FATParser : public IBlockBitmapChunkProvider {
 public:
-    FATParser() = delete;
+    /// Reads and checks the boot sector (512 bytes at byte 0).
+    /// @param alignment  bytes, the granularity of that read. The table is read in multiples of the cluster size.
+    /// @throws std::runtime_error     "Can't read fat boot sector" (also for an alignment of 0), "FAT12 is not
+    ///     supported", "FAT16 is not supported" or "Not a FAT filesystem"
+    /// @throws std::invalid_argument  the alignment is no power of two
+    FATParser(agent::info::Logger& logger, unsigned int alignment, agent::core::IVolumeReader const& volume);
+    FATParser(FATParser const&) = delete;
+    FATParser& operator=(FATParser const&) = delete;
+    ~FATParser() override;
 
     /// The type that the labels claim: 0 when the 5 bytes at 0x36 are "FAT12"; else 1 when they are "FAT16"; else 2
     /// when the 5 bytes at 0x52 are "FAT32"; else 3.
@@ -21,6 +52,54 @@ public:
     /// Whether the buffer is the boot sector of a FAT32 volume.
     /// @param buffer  the volume's first sector, at least 87 bytes; null is not recognised
     static bool isFATFileSystem(void* buffer);
+
+    /// As IBlockBitmapChunkProvider states it, within the limits above: 0 only for an empty request. The whole buffer
+    /// is cleared first. A negative result is -1 (the table cannot be read, or the cluster size is 0) or -400 (it came
+    /// short), after a `Debug` entry "returning[2] " with the code and an `Error` entry that ends with it.
+    /// @throws std::exception  the memory for the table cannot be had, or the cluster size is no power of two
+    ///     (std::bad_alloc, std::invalid_argument), after a `Debug` entry
+    long getChunk(unsigned long offset, char* buffer, unsigned long length) const override;
+
+protected:
+    /// Reads the 512 bytes at byte 0.
+    /// @return 0; -1 when the read failed, -5 when fewer bytes arrived
+    int fat_read_bootsector(fat_boot_sector& bootSector) const;
+
+    /// The routine behind getChunk(), without the `Error` entry.
+    /// @param length  bytes of the buffer
+    /// @param start   number of the first unit
+    /// @return units covered, or a negative code
+    long fs_get_blocks_bitmap_chunk(unsigned long length, unsigned long start, char* buffer) const;
+
+    /// Tells which units are used, one flag a unit: 1 used, 0 free.
+    /// @param tableOffset   byte of the first table
+    /// @param dataStart     byte of cluster 2
+    /// @param clusterBytes  bytes of a cluster; below 1 nothing can be told, which is a failed read
+    /// @param start         first unit
+    /// @param flags         takes the flags; with null nothing is done
+    /// @param count         units
+    /// @return 0; -1 when the table cannot be read, -400 when it came short
+    int fat_blocks_in_use(long tableOffset, long dataStart, long clusterBytes, long start, int* flags,
+                          unsigned int count) const;
+
+private:
+    struct Request;
+
+    AGENT_LOCAL std::uint64_t totalSectors() const;
+    template <typename Sink>
+    AGENT_LOCAL int findUsed(Request const& request, Sink const& setUsed) const;
+
+    agent::info::Logger* logger_;
+    agent::core::IVolumeReader const* volume_;
+    std::uint64_t alignment_;
+    std::uint8_t numberOfFats_ = 0;
+    std::uint8_t sectorsPerCluster_ = 0;
+    std::uint16_t totalSectors16_ = 0;
+    std::uint32_t totalSectors32_ = 0;
+    std::uint16_t reservedSectors_ = 0;
+    std::uint16_t bytesPerSector_ = 0;
+    std::uint16_t sectorsPerFat_ = 0;
+    int type_;
 };
 
 } // namespace agent::core::fs

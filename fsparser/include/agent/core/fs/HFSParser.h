@@ -3,17 +3,107 @@
 #pragma once
 
 #include "agent/Export.h"
+#include "agent/core/IVolumeReader.h"
+#include "agent/core/fs/HFSTypes.h"
+#include "agent/core/fs/IBlockBitmapChunkProvider.h"
+#include "agent/info/Logger.h"
+
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <span>
+#include <vector>
 
 namespace agent::core::fs {
 
-/// Recognises HFS+ volumes by the signature of their volume header.
-class AGENT_EXPORT HFSParser {
+/// The used blocks of an HFS+ or HFSX volume: the bytes of its allocation file as they stand on disk. A unit is an
+/// allocation block; **most significant bit first** (isMostSignificantBitFirst() is true).
+///
+/// The volume that this parser is given **begins with the volume header**: its byte 0 is byte 1024 of an HFS+ volume,
+/// while the address of an allocation block is its number times the block size, as on the volume itself. Whoever
+/// constructs it presents the volume that way.
+///
+/// Limits that are kept on purpose, so that a caller must know them:
+/// - An allocation file whose extents fill their list exactly, for instance eight in the header and none elsewhere, has
+///   no map: every getChunk() returns 0.
+/// - The extents-overflow tree is read node by node, without comparing keys, and a tree that is a single leaf is
+///   refused. In every index node but the root the slot after the last record is followed as well, so that what stands
+///   in free space there may count.
+/// - The bits past the volume's last block are whatever the file holds there.
+///
+/// The header is read once, at construction; every getChunk() on a volume with overflow extents reads the whole tree
+/// again. No state is kept between calls. Logger and volume reader are not owned and must outlive the parser; one
+/// thread at a time.
+class AGENT_EXPORT HFSParser : public IBlockBitmapChunkProvider {
 public:
-    HFSParser() = delete;
+    /// Reads and checks the volume header (512 bytes at byte 0 of what the reader presents).
+    /// @param alignment  bytes, the granularity of that read. Everything else is read in allocation blocks.
+    /// @throws std::runtime_error     "Error reading HFS+ superblock." (also for an alignment of 0) or "Not an HFS+
+    ///     filesystem."
+    /// @throws std::invalid_argument  the alignment is no power of two
+    HFSParser(agent::info::Logger& logger, unsigned int alignment, agent::core::IVolumeReader const& volume);
+    HFSParser(HFSParser const&) = delete;
+    HFSParser& operator=(HFSParser const&) = delete;
+    ~HFSParser() override;
 
     /// Whether the buffer is a volume header: its first two bytes are "H+" or "HX".
     /// @param buffer  what stands at byte 1024 of the volume, at least 2 bytes; null is not recognised
     static bool isHFSFileSystem(void* buffer);
+
+    /// As IBlockBitmapChunkProvider states it. The offset is a multiple of 8. Only the bytes that hold the returned
+    /// units are written. A negative result is -1, after an `Error` entry of its cause ("startBlock must be divisible
+    /// by 8", "Couldn't parse extent overflow file for bitmap extents.", "Error in HFS+ parsing read.") and one that
+    /// ends with the code.
+    /// @throws std::bad_alloc  the memory for a read cannot be had
+    long getChunk(unsigned long offset, char* buffer, unsigned long length) const override;
+
+    /// True.
+    bool isMostSignificantBitFirst() const override;
+
+protected:
+    /// Sum of the blocks in the fork's eight extents. The fork's own count is not looked at.
+    unsigned long fs_get_num_blocks(HFSPlusForkData const& fork) const;
+
+    /// The routine behind getChunk(), without the second entry. A block size that is no power of two cannot be read in,
+    /// which is a failed read.
+    long fs_get_blocks_bitmap_chunk(unsigned long offset, char* buffer, unsigned long length) const;
+
+    /// Appends the extents of a file that the extents-overflow tree holds, eight descriptors a record, in the order of
+    /// a walk from the root, level by level. Keys are compared by file ID alone.
+    ///
+    /// Records that lie outside their node, a node too small for its descriptor, a block size that is no power of two,
+    /// more than 2^21 extents, more than 2^24 nodes waiting at a time, or index nodes that come again and again (a
+    /// cycle) end the search: "Failed to read node descriptor" for the root, "Could not read next node at " and the
+    /// address for another.
+    /// @param fileId   catalog node ID of the file
+    /// @param extents  keeps what it holds; grows
+    /// @return false after an `Error` entry
+    bool fs_search_overflow(HFSPlusVolumeHeader const& header, unsigned int fileId,
+                            std::vector<HFSPlusExtentDescriptor>& extents) const;
+
+    /// Queues the children in the first slots of an index node; a slot of 0 and a child of 0 are passed over, and so is
+    /// what lies outside the node.
+    /// @param nodes     node numbers to come; grows at its back
+    /// @param node      the node's bytes
+    /// @param nodeSize  bytes of the node
+    /// @param count     slots to look at
+    void fs_traverse_index_node(std::deque<unsigned int>& nodes, std::unique_ptr<unsigned char[]>& node,
+                                unsigned long nodeSize, unsigned long count) const;
+
+private:
+    class OverflowSearch;
+    struct Stretch;
+
+    AGENT_LOCAL bool findBitmap(std::vector<HFSPlusExtentDescriptor>& extents) const;
+    AGENT_LOCAL long copyBitmap(std::span<HFSPlusExtentDescriptor const> extents, Stretch const& stretch) const;
+    AGENT_LOCAL bool readBlocks(std::uint64_t blockSize, std::uint64_t address, void* buffer,
+                                std::uint64_t length) const;
+    AGENT_LOCAL bool fail(char const* message) const;
+
+    agent::info::Logger* logger_;
+    agent::core::IVolumeReader const* volume_;
+    std::uint64_t alignment_;
+    HFSPlusVolumeHeader header_{};
 };
 
 } // namespace agent::core::fs

@@ -3,17 +3,170 @@
 #pragma once
 
 #include "agent/Export.h"
+#include "agent/core/IVolumeReader.h"
+#include "agent/core/fs/IBlockBitmapChunkProvider.h"
+#include "agent/info/Logger.h"
+
+#include <cstdint>
+#include <memory>
 
 namespace agent::core::fs {
 
-/// Recognises XFS volumes by the magic of their superblock.
-class AGENT_EXPORT XFSParser {
+/// What the parser keeps of an allocation group's free-space header, in host order.
+struct xfs_free_space_info {
+    std::uint32_t magic;
+    std::uint32_t fl_first;       ///< index of the free list's first entry
+    std::uint32_t fl_last;        ///< index of its last entry
+    std::uint32_t offset_bt_root; ///< block of the root of the by-block-number free-space tree, in the group
+};
+
+/// A run of free blocks, or a key of an inner node, in host order.
+struct xfs_btree_record {
+    std::uint32_t start; ///< first block, in the group
+    std::uint32_t count; ///< blocks
+};
+
+/// The used blocks of an XFS volume: all that its free-space trees and free lists do not name. A unit is a file-system
+/// block, numbered as group number * blocks per group + block in the group, which is its place on the volume; least
+/// significant bit first.
+///
+/// Limits that are kept on purpose, so that a caller must know them:
+/// - Bits at or past the last block: in a chunk from block 0 the bytes wholly past it stay 0, in others they are 1.
+/// - A free list that wraps around its end stays used, and so do its entries beyond the first 512 bytes.
+/// - From an inner node of a free-space tree the whole level below it is walked, from the node's first child to the
+///   level's right end: trees of three and more levels have their lower nodes read more than once.
+/// - Checksums, owners and levels are not verified. The journal is not replayed: on a volume that was not cleanly
+///   unmounted, the trees may lag behind it.
+///
+/// The superblock is read once, at construction; every getChunk() reads header, free list and tree of each group that
+/// the chunk touches. Few long chunks are therefore cheap, many short ones are not. No state is kept between calls.
+/// Logger and volume reader are not owned and must outlive the parser; one thread at a time.
+class AGENT_EXPORT XFSParser : public IBlockBitmapChunkProvider {
 public:
-    XFSParser() = delete;
+    /// Reads and checks the superblock (512 bytes at byte 0) and logs its fields at `Debug`.
+    /// @param alignment  bytes, the granularity of every read; what the device asks for in direct I/O
+    /// @throws std::runtime_error     "Can't read XFS super block." (also for an alignment of 0) or "Not an XFS
+    ///     filesystem"
+    /// @throws std::invalid_argument  the alignment is no power of two
+    XFSParser(agent::info::Logger& logger, unsigned int alignment, agent::core::IVolumeReader const& volume);
+    XFSParser(XFSParser const&) = delete;
+    XFSParser& operator=(XFSParser const&) = delete;
+    ~XFSParser() override;
 
     /// Whether the buffer is a superblock: its first four bytes are "XFSB". No other byte is looked at.
     /// @param buffer  the volume's first sector, at least 4 bytes; null is not recognised
     static bool isXFSFileSystem(void* buffer);
+
+    /// As IBlockBitmapChunkProvider states it. The offset is a multiple of 8. The whole buffer is cleared first; what
+    /// it holds after an error means nothing. A negative result is -1, after an `Error` entry of its cause ("Can't read
+    /// fsi block.", "Invalid fsi magic number.", a text of XFSBTreeNode; none for an offset that is no multiple of 8,
+    /// groups of 0 blocks, or an unreadable free list) and one that ends with the code.
+    /// @throws std::bad_alloc  the memory for a node cannot be had
+    long getChunk(unsigned long offset, char* buffer, unsigned long length) const override;
+
+    /// The block at which the internal journal starts, numbered like the units of the map. Its length is not part of
+    /// the result, despite the name.
+    /// @throws std::runtime_error  "Unable to get XFS Journal Blocks due to corrupted superblock!": the journal is
+    ///     external, or the superblock does not tell how block numbers are split
+    unsigned long getXFSJournalBlocks() const;
+
+protected:
+    class XFSBTreeNode;
+
+    /// Whether a version word is that of a volume whose metadata carry checksums: its low four bits are 5.
+    bool xfs_sb_version_hascrc(unsigned short version) const;
+
+    /// The routine behind getChunk(), without the last entry.
+    /// @param length  bytes of the buffer
+    /// @param offset  number of the first block
+    /// @return blocks covered, 0 at the end, -1 on an error
+    long fs_get_blocks_bitmap_chunk(unsigned long length, unsigned long offset, char* buffer) const;
+
+    /// Reads a group's free-space header.
+    /// @param agBlocks   blocks of a group
+    /// @param blockSize  bytes
+    /// @return 0; all ones after the `Error` entry "Can't read fsi block." or "Invalid fsi magic number."
+    unsigned int read_fsi(unsigned int agNumber, unsigned int agBlocks, unsigned int blockSize,
+                          xfs_free_space_info* info) const;
+
+    /// Reads a group's free list.
+    /// @param version  the superblock's version word
+    /// @param list     takes 128 entries in host order, or the 119 that a volume with checksums has there
+    /// @return 0, or all ones when it cannot be read
+    unsigned int read_agfl(unsigned short version, unsigned int agNumber, unsigned int agBlocks, unsigned int blockSize,
+                           unsigned int* list) const;
+
+    /// Sets the bit of one block, unless it lies outside the chunk.
+    /// @param byteOffset  bytes of the whole bitmap before the chunk
+    /// @param length      bytes of the chunk
+    /// @param agBlock     block in the group
+    /// @param count       grows by 1 when the bit was clear
+    void fs_bitmap_mark(char* buffer, unsigned long byteOffset, unsigned long length, unsigned int agNumber,
+                        unsigned int agBlocks, unsigned int agBlock, unsigned long* count) const;
+
+    /// Sets the bits of a run as fs_bitmap_mark sets one. The run's end wraps at 32 bits.
+    /// @param start   first block in the group
+    /// @param blocks  blocks; 0 sets nothing
+    void bitmap_mark_range(char* buffer, unsigned long byteOffset, unsigned long length, unsigned int agNumber,
+                           unsigned int agBlocks, unsigned int start, unsigned int blocks, unsigned long* count) const;
+
+private:
+    struct Chunk;
+    class TreeWalk;
+
+    AGENT_LOCAL bool read(std::uint64_t address, void* buffer, std::uint64_t length) const;
+    AGENT_LOCAL void logGeometry() const;
+    AGENT_LOCAL bool markGroup(std::uint32_t group, Chunk& chunk) const;
+    AGENT_LOCAL void markFreeList(std::uint32_t group, xfs_free_space_info const& info, unsigned int const* list,
+                                  Chunk& chunk) const;
+
+    agent::info::Logger* logger_;
+    agent::core::IVolumeReader const* volume_;
+    std::uint64_t alignment_;
+    std::uint32_t magic_ = 0;
+    std::uint32_t blockSize_ = 0;
+    std::uint32_t agCount_ = 0;
+    std::uint32_t agBlocks_ = 0;
+    std::uint64_t totalBlocks_ = 0;
+    std::uint16_t version_ = 0;
+    std::uint16_t sectorSize_ = 0;
+    std::uint32_t logBlocks_ = 0;
+    std::uint64_t logStart_ = 0;
+    std::uint8_t agBlocksLog_ = 0;
+};
+
+/// One node of an allocation group's free-space tree by block number, read whole at construction. Can be moved, which
+/// leaves the source without records.
+class AGENT_EXPORT XFSParser::XFSBTreeNode {
+public:
+    /// Reads and checks the node.
+    /// @param parser   whose logger, volume and alignment are used; not kept
+    /// @param agBlock  block in the group
+    /// @throws std::runtime_error  "XFS: cannot create null btree node" (block 0xFFFFFFFF), "XFS: cannot read btree
+    /// node
+    ///     header", "XFS: Invalid btree node magic number.", "XFS: Invalid num_recs in btree node.", "XFS: Internal
+    ///     node can't have 0 records.", "XFS: Can't read records in btree node." or "XFS: Can't read children in btree
+    ///     node."
+    /// @throws std::bad_alloc      the memory for its records, at most 768 KiB, cannot be had
+    XFSBTreeNode(XFSParser const* parser, unsigned int agNumber, unsigned int agBlock);
+    XFSBTreeNode(XFSBTreeNode&& other) noexcept;
+    XFSBTreeNode& operator=(XFSBTreeNode&& other) noexcept;
+    XFSBTreeNode(XFSBTreeNode const&) = delete;
+    XFSBTreeNode& operator=(XFSBTreeNode const&) = delete;
+    virtual ~XFSBTreeNode();
+
+    std::uint32_t magic;                         ///< "ABTB" or "AB3B" as a number
+    std::uint16_t num_recs;                      ///< records of a leaf; keys, and children, of an inner node
+    std::uint16_t level;                         ///< 0 for a leaf
+    std::uint32_t left_sib;                      ///< block in the group; 0xFFFFFFFF for none
+    std::uint32_t right_sib;                     ///< block in the group; 0xFFFFFFFF for none
+    std::unique_ptr<xfs_btree_record[]> records; ///< num_recs of them
+    std::unique_ptr<std::uint32_t[]> children;   ///< num_recs blocks in the group; none in a leaf
+
+private:
+    AGENT_LOCAL void readRecords(XFSParser const& parser, std::uint64_t address);
+    AGENT_LOCAL void readChildren(XFSParser const& parser, std::uint64_t address);
+    AGENT_LOCAL void logNode(XFSParser const& parser) const;
 };
 
 } // namespace agent::core::fs
