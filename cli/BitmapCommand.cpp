@@ -59,8 +59,9 @@ void printSummary(Options const& options, imaging::Volume const& volume, imaging
 
 ExitCode runBitmap(Options const& options, Console& console) {
     imaging::Volume volume(options.volume, options.alignment, console);
-    imaging::VolumeMap map(volume, options.allUsedIfRefused ? imaging::VolumeMap::Refused::CountsAsUsed
-                                                            : imaging::VolumeMap::Refused::IsError);
+    using Refused = imaging::VolumeMap::Refused;
+    imaging::VolumeMap map(volume, options.allUsedIfRefused ? Refused::CountsAsUsed : Refused::IsError, options.unit);
+    noteIfUnrecognized(console, volume);
     bool const toStandardOutput = options.output == "-";
     Written const written = toStandardOutput ? writeBitmap(map, writeToStandardOutput) : writeToFile(options, map);
     if (options.json) {

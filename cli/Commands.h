@@ -16,6 +16,7 @@ namespace cli {
 struct Options {
     std::string volume;                    ///< path of an image file or a block device
     std::uint64_t alignment = 0;           ///< bytes; 0: what the device asks for
+    std::uint64_t unit = 0;                ///< bytes: the unit of a volume in which nothing is understood; 0: 4096
     bool json = false;                     ///< one JSON document instead of text
     std::string output = "-";              ///< bitmap: a path, or "-" for standard output
     bool allUsedIfRefused = false;         ///< bitmap: a volume that its parser refuses counts as used

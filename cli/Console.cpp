@@ -30,6 +30,12 @@ void Console::error(std::string const& sentence) const {
     say(fmt::format("fsparser: {}\n", sentence));
 }
 
+void Console::note(std::string const& sentence) const {
+    if (verbosity_ != Verbosity::Quiet) {
+        say(fmt::format("fsparser: note: {}\n", sentence));
+    }
+}
+
 void Console::warnings(std::vector<std::string> const& sentences) const {
     if (verbosity_ == Verbosity::Quiet) {
         return;

@@ -27,6 +27,9 @@ public:
     /// Says why the command fails.
     void error(std::string const& sentence) const;
 
+    /// Prints something that is worth knowing and no fault, unless quiet.
+    void note(std::string const& sentence) const;
+
     /// Says what is wrong with a volume that was answered for all the same.
     void warnings(std::vector<std::string> const& sentences) const;
 

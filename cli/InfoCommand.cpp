@@ -10,6 +10,13 @@ namespace cli {
 
 namespace {
 
+std::string journalText(imaging::Journal const& journal, std::uint64_t unitSize) {
+    if (journal.isExternal) {
+        return "on another device";
+    }
+    return fmt::format("{} units from unit {} ({})", journal.units, journal.first, humanSize(journal.units * unitSize));
+}
+
 void printText(imaging::Volume const& volume, imaging::VolumeMap const& map, imaging::MapTotals const& totals) {
     imaging::Geometry const& geometry = map.geometry();
     auto const share = static_cast<double>(totals.used) * 100 / static_cast<double>(geometry.units);
@@ -21,14 +28,29 @@ void printText(imaging::Volume const& volume, imaging::VolumeMap const& map, ima
     fmt::print("units           {} ({})\n", geometry.units, inBytes(geometry.units));
     fmt::print("used            {} units ({}, {:.1f} %)\n", totals.used, inBytes(totals.used), share);
     fmt::print("free            {} units ({})\n", totals.free, inBytes(totals.free));
+    if (geometry.start != 0) {
+        fmt::print("before unit 0   {} bytes\n", geometry.start);
+    }
     fmt::print("past last unit  {} bytes\n", map.bytesPastLastUnit());
+    if (geometry.journal) {
+        fmt::print("journal         {}\n", journalText(*geometry.journal, geometry.unitSize));
+    }
+}
+
+void addJournal(Json& document, std::optional<imaging::Journal> const& journal) {
+    if (journal && journal->isExternal) {
+        document["journal"] = {{"external", true}};
+    } else if (journal) {
+        document["journal"] = {{"external", false}, {"first", journal->first}, {"count", journal->units}};
+    }
 }
 
 } // namespace
 
 ExitCode runInfo(Options const& options, Console& console) {
     imaging::Volume volume(options.volume, options.alignment, console);
-    imaging::VolumeMap map(volume);
+    imaging::VolumeMap map(volume, imaging::VolumeMap::Refused::IsError, options.unit);
+    noteIfUnrecognized(console, volume);
     imaging::MapTotals const totals = map.walk([](imaging::Run const&) {}, checkInterrupt);
     if (options.json) {
         Json document = beginDocument("info", volume);
@@ -36,6 +58,7 @@ ExitCode runInfo(Options const& options, Console& console) {
         document["used"] = totals.used;
         document["free"] = totals.free;
         document["past_last_unit"] = map.bytesPastLastUnit();
+        addJournal(document, map.geometry().journal);
         addWarnings(document, totals.warnings);
         printDocument(document);
     } else {

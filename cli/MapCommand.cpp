@@ -60,7 +60,8 @@ void printCells(imaging::Volume const& volume, imaging::VolumeMap const& map, im
 
 ExitCode runMap(Options const& options, Console& console) {
     imaging::Volume volume(options.volume, options.alignment, console);
-    imaging::VolumeMap map(volume);
+    imaging::VolumeMap map(volume, imaging::VolumeMap::Refused::IsError, options.unit);
+    noteIfUnrecognized(console, volume);
     Picture const picture = pictureSize(options);
     MapCells cells(map.geometry().units, picture.columns * picture.lines);
     imaging::MapTotals const totals = map.walk([&cells](imaging::Run const& run) { cells.add(run); }, checkInterrupt);

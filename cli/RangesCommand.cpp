@@ -46,7 +46,8 @@ imaging::MapTotals printJson(imaging::Volume const& volume, imaging::VolumeMap& 
 
 ExitCode runRanges(Options const& options, Console& console) {
     imaging::Volume volume(options.volume, options.alignment, console);
-    imaging::VolumeMap map(volume);
+    imaging::VolumeMap map(volume, imaging::VolumeMap::Refused::IsError, options.unit);
+    noteIfUnrecognized(console, volume);
     imaging::MapTotals const totals = options.json ? printJson(volume, map) : printText(map);
     console.warnings(totals.warnings);
     return totals.warnings.empty() ? kOk : kInconsistent;

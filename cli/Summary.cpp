@@ -19,6 +19,13 @@ void addGeometry(Json& document, imaging::Volume const& volume, imaging::Geometr
     document["unit_size"] = geometry.unitSize;
     document["units"] = geometry.units;
     document["size"] = volume.size();
+    document["first_unit_offset"] = geometry.start;
+}
+
+void noteIfUnrecognized(Console const& console, imaging::Volume const& volume) {
+    if (volume.fileSystem() == agent::core::fs::kUnrecognized) {
+        console.note(imaging::unrecognizedSentence(volume.path(), volume.refusal()) + "; every unit counts as used");
+    }
 }
 
 void addWarnings(Json& document, std::vector<std::string> const& warnings) {

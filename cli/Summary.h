@@ -1,6 +1,7 @@
 // The keys that every verb's JSON document shares, and sizes as people read them.
 #pragma once
 
+#include "cli/Console.h"
 #include "imaging/VolumeMap.h"
 
 #include <cstdint>
@@ -15,8 +16,11 @@ using Json = nlohmann::ordered_json;
 /// Begins a document: schema "fsparser.VERB/1" and the file system's name.
 Json beginDocument(std::string const& verb, imaging::Volume const& volume);
 
-/// Adds the geometry: "unit_size" and "size" in bytes, "units".
+/// Adds the geometry: "unit_size", "size" and "first_unit_offset" (where unit 0 begins) in bytes, "units".
 void addGeometry(Json& document, imaging::Volume const& volume, imaging::Geometry const& geometry);
+
+/// Says of a volume in which nothing is understood that every unit counts as used.
+void noteIfUnrecognized(Console const& console, imaging::Volume const& volume);
 
 /// Adds "warnings" if there are any.
 void addWarnings(Json& document, std::vector<std::string> const& warnings);

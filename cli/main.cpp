@@ -48,6 +48,10 @@ Examples:
 /// The largest alignment that is taken: no device asks for more.
 constexpr std::uint64_t kLargestAlignment = std::uint64_t{1} << 30;
 
+/// The units that are taken for a volume in which nothing is understood.
+constexpr std::uint64_t kSectorBytes = 512;
+constexpr std::uint64_t kLargestUnit = std::uint64_t{1} << 30;
+
 /// The longest side of a picture: enough for any terminal, and memory stays small.
 constexpr int kMostCells = 500;
 
@@ -71,6 +75,15 @@ std::string checkAlignment(std::string const& text) {
     bool const isNumber = CLI::detail::lexical_cast(text, alignment);
     if (!isNumber || !std::has_single_bit(alignment) || alignment > kLargestAlignment) {
         return "an alignment is a power of two up to 1073741824, not " + text;
+    }
+    return {};
+}
+
+std::string checkUnit(std::string const& text) {
+    std::uint64_t unit = 0;
+    bool const isNumber = CLI::detail::lexical_cast(text, unit);
+    if (!isNumber || unit == 0 || unit % kSectorBytes != 0 || unit > kLargestUnit) {
+        return "a unit is a multiple of 512 up to 1073741824, not " + text;
     }
     return {};
 }
@@ -99,6 +112,14 @@ CLI::App* addVerb(CLI::App& app, Request& request, char const* name, char const*
     return command;
 }
 
+void addUnit(CLI::App* command, Request& request) {
+    command
+        ->add_option("--unit", request.options.unit,
+                     "the unit of a volume in which no file system is understood (default: 4096); all of it is used")
+        ->type_name("BYTES")
+        ->check(CLI::Validator(checkUnit, ""));
+}
+
 void addMap(CLI::App& app, Request& request) {
     CLI::App* const map = addVerb(app, request, "map", "Draw used and free space", runMap);
     Options& options = request.options;
@@ -114,6 +135,7 @@ void addMap(CLI::App& app, Request& request) {
         ->type_name("N")
         ->check(CLI::Range(1, kMostCells).description(""));
     map->add_flag("--ascii", options.ascii, "draw with ASCII characters only");
+    addUnit(map, request);
     map->footer("Example:\n  fsparser map --width 64 --height 8 disk.img\n");
 }
 
@@ -125,6 +147,7 @@ void addBitmap(CLI::App& app, Request& request) {
         ->check(CLI::Validator([](std::string& path) { return path.empty() ? "names no file" : ""; }, ""));
     bitmap->add_flag("--all-used-if-refused", request.options.allUsedIfRefused,
                      "a volume that is recognised but refused counts as used as a whole (exit code 4)");
+    addUnit(bitmap, request);
     bitmap->footer("A file appears under its name only when it is whole.\n\nExamples:\n"
                    "  fsparser bitmap -o used.bin disk.img\n  fsparser bitmap disk.img | xxd | head\n");
 }
@@ -132,12 +155,17 @@ void addBitmap(CLI::App& app, Request& request) {
 void addVerbs(CLI::App& app, Request& request) {
     addVerb(app, request, "detect", "Name the file system", runDetect)
         ->footer("Example:\n  fsparser detect /dev/sdb1\n");
-    addVerb(app, request, "info", "Summarise the volume: units, used, free, what lies past the last unit", runInfo)
-        ->footer("Example:\n  fsparser info --json disk.img\n");
+    CLI::App* const info =
+        addVerb(app, request, "info", "Summarise the volume: units, used, free, journal, what lies past the last unit",
+                runInfo);
+    addUnit(info, request);
+    info->footer("Example:\n  fsparser info --json disk.img\n");
     addMap(app, request);
     addBitmap(app, request);
-    addVerb(app, request, "ranges", "List the used runs: first unit and count, one run a line", runRanges)
-        ->footer("Example:\n  fsparser ranges disk.img | awk '{ units += $2 } END { print units }'\n");
+    CLI::App* const ranges =
+        addVerb(app, request, "ranges", "List the used runs: first unit and count, one run a line", runRanges);
+    addUnit(ranges, request);
+    ranges->footer("Example:\n  fsparser ranges disk.img | awk '{ units += $2 } END { print units }'\n");
 }
 
 void addPaths(CLI::App* command, Request& request) {

@@ -1,6 +1,7 @@
 // A volume's geometry together with what answers for its units.
 #pragma once
 
+#include "agent/core/IVolumeReader.h"
 #include "agent/core/fs/IBlockBitmapChunkProvider.h"
 #include "agent/core/fs/UnrecognizedParser.h"
 #include "imaging/Error.h"
@@ -17,16 +18,21 @@ namespace imaging {
 /// What each file system's folder makes of a volume.
 struct Answerer {
     Geometry geometry;
+
+    /// What the provider reads through, unless it is the volume's own reader; outlives the provider.
+    std::shared_ptr<agent::core::IVolumeReader const> reader;
+
     std::unique_ptr<agent::core::fs::IBlockBitmapChunkProvider> provider;
 };
 
-/// Constructs a parser on a volume; `more` goes to its constructor.
+/// Constructs a parser on a reader of a volume; `more` goes to its constructor.
+/// @param alignment  bytes
 /// @throws VolumeError  the parser refuses the volume; the sentence holds its text and what it logged
 template <typename Parser, typename... More>
-std::unique_ptr<Parser> makeParser(Volume& volume, More const&... more) {
+std::unique_ptr<Parser> makeParserOn(Volume& volume, agent::core::IVolumeReader const& reader, std::uint64_t alignment,
+                                     More const&... more) {
     try {
-        return std::make_unique<Parser>(volume.logger(), static_cast<unsigned>(volume.alignment()), volume.reader(),
-                                        more...);
+        return std::make_unique<Parser>(volume.logger(), static_cast<unsigned>(alignment), reader, more...);
     } catch (std::bad_alloc const&) {
         throw VolumeError(Trouble::Io, volume.path() + ": there is not enough memory for what its header asks for");
     } catch (std::runtime_error const& error) {
@@ -36,10 +42,17 @@ std::unique_ptr<Parser> makeParser(Volume& volume, More const&... more) {
     }
 }
 
+/// Constructs a parser on a volume's own reader, in the granularity of its device.
+/// @throws VolumeError  as makeParserOn
+template <typename Parser, typename... More>
+std::unique_ptr<Parser> makeParser(Volume& volume, More const&... more) {
+    return makeParserOn<Parser>(volume, volume.reader(), volume.alignment(), more...);
+}
+
 /// Every unit counts as used, for a reason that the geometry may hold.
 inline Answerer allUsed(Geometry geometry) {
     std::uint64_t const units = geometry.units;
-    return {std::move(geometry), std::make_unique<agent::core::fs::UnrecognizedParser>(units)};
+    return {std::move(geometry), nullptr, std::make_unique<agent::core::fs::UnrecognizedParser>(units)};
 }
 
 } // namespace imaging

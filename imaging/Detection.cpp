@@ -4,8 +4,10 @@
 #include "agent/core/fs/FSUtil.h"
 #include "agent/core/fs/FileSystemType.h"
 #include "imaging/Error.h"
+#include "imaging/hfs/HfsWrapper.h"
 
 #include <array>
+#include <optional>
 #include <string>
 
 namespace imaging {
@@ -14,15 +16,28 @@ using namespace agent::core::fs;
 
 namespace {
 
-int detectAt(ReasonLogger& logger, agent::core::IVolumeReader const& volume, std::uint64_t alignment,
-             std::uint64_t offset) {
-    std::array<char, kSectorBytes> buffer{};
+using Sector = std::array<std::uint8_t, kSectorBytes>;
+
+Sector readSector(ReasonLogger& logger, agent::core::IVolumeReader const& volume, std::uint64_t alignment,
+                  std::uint64_t offset) {
+    Sector buffer{};
     unsigned long bytesRead = 0;
     if (fs_seek_read_aligned(logger, volume, alignment, offset, buffer.data(), buffer.size(), &bytesRead) != 0) {
         throw VolumeError(Trouble::Io, volume.getVolumePath() + ": cannot be read at byte " + std::to_string(offset) +
                                            ": " + logger.takeReason("the read failed"));
     }
-    return FileSystemType(logger).getFileSystemType(buffer.data());
+    return buffer;
+}
+
+/// What the header at byte 1024 says; that of the volume inside an HFS wrapper where it is one.
+int detectHeader(ReasonLogger& logger, agent::core::IVolumeReader const& volume, std::uint64_t alignment,
+                 std::uint64_t size) {
+    Sector header = readSector(logger, volume, alignment, kHeaderOffset);
+    std::optional<hfs::Embedded> const embedded = hfs::findEmbedded(header);
+    if (embedded && embedded->start < size && embedded->start + kHeaderOffset + kSectorBytes <= size) {
+        header = readSector(logger, volume, alignment, embedded->start + kHeaderOffset);
+    }
+    return FileSystemType(logger).getFileSystemType(header.data());
 }
 
 } // namespace
@@ -30,12 +45,13 @@ int detectAt(ReasonLogger& logger, agent::core::IVolumeReader const& volume, std
 FileSystemCode detectFileSystem(ReasonLogger& logger, agent::core::IVolumeReader const& volume, std::uint64_t alignment,
                                 std::uint64_t size) {
     // A match of a test that expects other bytes means nothing and is passed over.
-    int const sector = detectAt(logger, volume, alignment, 0);
+    Sector first = readSector(logger, volume, alignment, 0);
+    int const sector = FileSystemType(logger).getFileSystemType(first.data());
     if (sector == kNtfs || sector == kFat32) {
         return static_cast<FileSystemCode>(sector);
     }
     if (size >= kHeaderOffset + kSectorBytes) {
-        int const header = detectAt(logger, volume, alignment, kHeaderOffset);
+        int const header = detectHeader(logger, volume, alignment, size);
         if (header == kExt || header == kHfsPlus) {
             return static_cast<FileSystemCode>(header);
         }

@@ -17,7 +17,8 @@ inline constexpr std::uint64_t kSectorBytes = 512;
 inline constexpr std::uint64_t kHeaderOffset = 1024;
 
 /// Hands the library's detector the bytes that each of its tests expects: the first sector for NTFS, FAT32 and XFS,
-/// what stands at byte 1024 for ext and HFS+; the first that matches in the detector's own order wins.
+/// what stands at byte 1024 for ext and HFS+, there also of the volume inside an HFS wrapper; the first that matches in
+/// the detector's own order wins.
 /// @param size  bytes of the volume, at least kSectorBytes
 /// @throws VolumeError  the volume cannot be read there; `path` begins the sentence
 agent::core::fs::FileSystemCode detectFileSystem(ReasonLogger& logger, agent::core::IVolumeReader const& volume,

@@ -7,11 +7,23 @@
 
 namespace imaging {
 
+/// Where a file system keeps its journal.
+struct Journal {
+    bool isExternal;         ///< on another device; then the rest means nothing
+    std::uint64_t first = 0; ///< unit
+    std::uint64_t units = 0;
+};
+
 /// The units of a file system, read from its header without the parser, so that the parser's answer can be checked.
 struct Geometry {
     std::uint64_t unitSize = 0;   ///< bytes
     std::uint64_t units = 0;      ///< units of the volume, numbered from 0; unitSize * units fits 63 bits
+    std::uint64_t start = 0;      ///< byte of the volume where unit 0 begins: past the wrapper of an HFS+ volume
+    std::uint64_t bytes = 0;      ///< of the file system from there on; the last unit may reach further
     std::uint64_t chunkBytes = 0; ///< how long a chunk must be so that what the parser reads again is no burden
+
+    /// Named where the file system tells it in its header.
+    std::optional<Journal> journal = std::nullopt;
 
     /// Whether only a request from unit 0 is answered rightly: the whole map is asked for at once then.
     bool isOneRequest = false;

@@ -28,8 +28,11 @@ public:
     std::string getVolumePath() const override;
     long size() override;
 
+    /// From now on, reads may reach less than `bytes` past the end: the granularity of whoever reads.
+    void setTail(std::uint64_t bytes) { tail_ = bytes; }
+
     /// Refuses every short read from now on, also that of the last unit.
-    void forbidTail() { tail_ = 0; }
+    void forbidTail() { setTail(0); }
 
 private:
     bool isTail(std::uint64_t end, std::uint64_t wantedEnd) const;

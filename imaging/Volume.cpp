@@ -27,10 +27,12 @@ void Volume::open() {
                           path_ + ": cannot be opened: " + agent::PosixError::strerror(device_->getLastError()));
     }
     size_ = static_cast<std::uint64_t>(device_->size());
+    std::uint64_t const needed = directIoAlignment(device_->getHandle());
     if (alignment_ == 0) {
-        alignment_ = directIoAlignment(device_->getHandle());
+        alignment_ = needed;
     }
-    strict_.emplace(logger_, *device_, size_, alignment_);
+    aligning_.emplace(*device_, needed);
+    strict_.emplace(logger_, *aligning_, size_, alignment_);
 }
 
 void Volume::detect() {

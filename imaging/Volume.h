@@ -3,6 +3,7 @@
 
 #include "agent/core/backup/VolumeReader.h"
 #include "agent/core/fs/IFileSystemType.h"
+#include "imaging/AligningReader.h"
 #include "imaging/ReasonLogger.h"
 #include "imaging/StrictReader.h"
 
@@ -30,7 +31,7 @@ public:
     /// Bytes of the volume.
     std::uint64_t size() const { return size_; }
 
-    /// Bytes, the granularity of every read.
+    /// Bytes, the granularity in which the library is asked to read.
     std::uint64_t alignment() const { return alignment_; }
 
     /// What the library's detector found.
@@ -39,7 +40,7 @@ public:
     /// What the detector found wrong with a file system that it nearly recognised; may be empty.
     std::string const& refusal() const { return refusal_; }
 
-    /// The reader that parsers are given: bytes that are not there are an error.
+    /// The reader that parsers are given: it takes reads of any granularity, and bytes that are not there are an error.
     StrictReader& reader() { return *strict_; }
 
     /// The logger that parsers are given.
@@ -58,6 +59,7 @@ private:
     std::uint64_t alignment_;
     std::uint64_t size_ = 0;
     std::optional<agent::core::backup::VolumeReader> device_;
+    std::optional<AligningReader> aligning_;
     std::optional<StrictReader> strict_;
     std::string refusal_;
     agent::core::fs::FileSystemCode code_ = agent::core::fs::kUnrecognized;

@@ -4,7 +4,10 @@
 #include "imaging/Detection.h"
 #include "imaging/Error.h"
 #include "imaging/ext/ExtGeometry.h"
+#include "imaging/fat/FatGeometry.h"
+#include "imaging/hfs/HfsGeometry.h"
 #include "imaging/ntfs/NtfsGeometry.h"
+#include "imaging/xfs/XfsGeometry.h"
 
 #include <algorithm>
 
@@ -18,31 +21,46 @@ namespace {
 constexpr std::uint64_t kFallbackUnit = 4096;
 constexpr std::uint64_t kFallbackChunk = std::uint64_t{1} << 20;
 
-Answerer openFileSystem(Volume& volume) {
+/// What is left past the last whole unit belongs to none.
+Geometry fallbackGeometry(Volume const& volume, std::uint64_t unit) {
+    Geometry geometry;
+    geometry.unitSize = unit != 0 ? unit : volume.size() < kFallbackUnit ? kSectorBytes : kFallbackUnit;
+    geometry.units = volume.size() / geometry.unitSize;
+    geometry.bytes = geometry.units * geometry.unitSize;
+    geometry.chunkBytes = kFallbackChunk;
+    if (geometry.units == 0) {
+        throw VolumeError(Trouble::NotUnderstood, volume.path() + ": has " + std::to_string(volume.size()) +
+                                                      " bytes, less than one unit of " + std::to_string(unit));
+    }
+    return geometry;
+}
+
+Answerer openFileSystem(Volume& volume, std::uint64_t unit) {
     switch (volume.fileSystem()) {
     case kNtfs:
         return ntfs::open(volume);
+    case kFat32:
+        return fat::open(volume);
     case kExt:
         return ext::open(volume);
+    case kHfsPlus:
+        return hfs::open(volume);
+    case kXfs:
+        return xfs::open(volume);
     case kUnrecognized:
-        throw VolumeError(Trouble::NotUnderstood, unrecognizedSentence(volume.path(), volume.refusal()));
-    default:
-        throw VolumeError(Trouble::NotUnderstood, volume.path() + ": holds " + fileSystemName(volume.fileSystem()) +
-                                                      ", whose map this version does not read");
+        break;
     }
+    return allUsed(fallbackGeometry(volume, unit));
 }
 
-Answerer openOrAllUsed(Volume& volume, VolumeMap::Refused refused) {
+Answerer openOrAllUsed(Volume& volume, VolumeMap::Refused refused, std::uint64_t unit) {
     try {
-        return openFileSystem(volume);
+        return openFileSystem(volume, unit);
     } catch (VolumeError const& error) {
         if (refused == VolumeMap::Refused::IsError || volume.fileSystem() == kUnrecognized) {
             throw;
         }
-        Geometry geometry;
-        geometry.unitSize = volume.size() < kFallbackUnit ? kSectorBytes : kFallbackUnit;
-        geometry.units = volume.size() / geometry.unitSize; // what is left lies past the last unit
-        geometry.chunkBytes = kFallbackChunk;
+        Geometry geometry = fallbackGeometry(volume, unit);
         geometry.notBelieved = std::string("the volume is refused (") + error.what() + ")";
         return allUsed(std::move(geometry));
     }
@@ -50,10 +68,11 @@ Answerer openOrAllUsed(Volume& volume, VolumeMap::Refused refused) {
 
 } // namespace
 
-VolumeMap::VolumeMap(Volume& volume, Refused refused) : volume_(volume), answerer_(openOrAllUsed(volume, refused)) {}
+VolumeMap::VolumeMap(Volume& volume, Refused refused, std::uint64_t unit)
+    : volume_(volume), answerer_(openOrAllUsed(volume, refused, unit)) {}
 
 std::uint64_t VolumeMap::bytesPastLastUnit() const {
-    return volume_.size() > coveredBytes() ? volume_.size() - coveredBytes() : 0;
+    return volume_.size() > endOfUnits() ? volume_.size() - endOfUnits() : 0;
 }
 
 MapTotals VolumeMap::walk(RunSink const& sink, Progress const& progress) {
@@ -71,10 +90,10 @@ MapTotals VolumeMap::walk(RunSink const& sink, Progress const& progress) {
 }
 
 void VolumeMap::checkSize(MapTotals& totals) const {
-    std::uint64_t const covered = coveredBytes();
-    if (volume_.size() < covered) {
+    std::uint64_t const end = geometry().start + geometry().bytes;
+    if (volume_.size() < end) {
         totals.warnings.push_back(volume_.path() + ": ends at byte " + std::to_string(volume_.size()) + ", " +
-                                  std::to_string(covered - volume_.size()) + " bytes before the end of its " +
+                                  std::to_string(end - volume_.size()) + " bytes before the end of its " +
                                   fileSystemName(volume_.fileSystem()) + " file system");
     }
 }

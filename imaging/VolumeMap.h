@@ -32,12 +32,15 @@ public:
     /// @param volume   must outlive the map
     /// @param refused  CountsAsUsed: a volume whose file system was detected and whose parser refuses it gets a map in
     ///     which everything is used, with a warning
-    /// @throws VolumeError  the volume is not understood, or its parser refuses it; the sentence holds the reason
-    explicit VolumeMap(Volume& volume, Refused refused = Refused::IsError);
+    /// @param unit     bytes, at least 1: the unit of a volume in which no file system is understood, all of which is
+    ///     used; 0 for 4096, or 512 where the volume is shorter
+    /// @throws VolumeError  the parser refuses the volume, or it has less than one unit; the sentence holds the reason
+    explicit VolumeMap(Volume& volume, Refused refused = Refused::IsError, std::uint64_t unit = 0);
 
     Geometry const& geometry() const { return answerer_.geometry; }
 
-    /// Bytes of the volume that belong to no unit.
+    /// Bytes of the volume after its last unit. They belong to no unit, as do those before the first
+    /// (geometry().start).
     std::uint64_t bytesPastLastUnit() const;
 
     /// Called after each chunk with the units done; what it throws ends the walk.
@@ -48,7 +51,7 @@ public:
     MapTotals walk(RunSink const& sink, Progress const& progress = {});
 
 private:
-    std::uint64_t coveredBytes() const { return geometry().units * geometry().unitSize; }
+    std::uint64_t endOfUnits() const { return geometry().start + geometry().units * geometry().unitSize; }
     std::uint64_t nextChunk(std::uint64_t unit, std::vector<char>& chunk);
     void walkParser(RunBuilder& runs, MapTotals& totals, Progress const& progress);
     void checkSize(MapTotals& totals) const;

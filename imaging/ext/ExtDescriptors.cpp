@@ -1,7 +1,7 @@
 // Reading the descriptor table once, a piece at a time.
 #include "imaging/ext/ExtDescriptors.h"
 
-#include "imaging/LittleEndian.h"
+#include "imaging/LoadInteger.h"
 
 #include <algorithm>
 #include <span>

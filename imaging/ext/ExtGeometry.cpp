@@ -4,7 +4,7 @@
 #include "agent/core/fs/EXTParser.h"
 #include "imaging/Detection.h"
 #include "imaging/Error.h"
-#include "imaging/LittleEndian.h"
+#include "imaging/LoadInteger.h"
 #include "imaging/ext/ExtDescriptors.h"
 
 #include <algorithm>
@@ -181,6 +181,7 @@ Geometry makeGeometry(Facts const& facts) {
     Geometry geometry;
     geometry.unitSize = facts.blockSize();
     geometry.units = facts.blocks;
+    geometry.bytes = geometry.units * geometry.unitSize;
     geometry.chunkBytes = chunkBytes(facts);
     geometry.notBelieved = findLimit(facts);
     return geometry;
@@ -212,7 +213,7 @@ Answerer open(Volume& volume) {
     if (geometry.notBelieved) {
         return allUsed(std::move(geometry));
     }
-    return {std::move(geometry), makeParser<agent::core::fs::EXTParser>(volume)};
+    return {std::move(geometry), nullptr, makeParser<agent::core::fs::EXTParser>(volume)};
 }
 
 } // namespace imaging::ext

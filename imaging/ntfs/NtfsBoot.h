@@ -1,7 +1,7 @@
 // The NTFS boot sector, as far as imaging must know it.
 #pragma once
 
-#include "imaging/LittleEndian.h"
+#include "imaging/LoadInteger.h"
 
 #include <cstdint>
 #include <span>

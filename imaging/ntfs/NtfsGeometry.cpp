@@ -137,6 +137,7 @@ Geometry readGeometry(Volume& volume, Boot const& boot) {
     Geometry geometry;
     geometry.unitSize = boot.clusterSize();
     geometry.units = boot.totalSectors / boot.sectorsPerCluster;
+    geometry.bytes = geometry.units * geometry.unitSize;
     geometry.chunkBytes = kChunkBytes;
     if (geometry.units == 0 || geometry.units > (std::uint64_t{1} << 63) / geometry.unitSize - 1) {
         throw VolumeError(Trouble::NotUnderstood, volume.path() +
@@ -167,7 +168,7 @@ Answerer open(Volume& volume) {
         volume.logger().takeReason(""); // the reason is told in its own words
         return allUsed(std::move(geometry));
     }
-    return {std::move(geometry), std::move(parser)};
+    return {std::move(geometry), nullptr, std::move(parser)};
 }
 
 } // namespace imaging::ntfs

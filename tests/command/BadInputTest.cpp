@@ -137,23 +137,64 @@ TEST(CommandOnBadInput, AFileWithoutAFirstSectorIsNoVolume) {
 constexpr char const* kUnrecognized = "holds no file system that is understood: neither the first sector (byte 0) nor "
                                       "the header at byte 1024 is recognised";
 
+/// What is not understood counts as used, in units of its own, with a note that says so.
+void expectAllUsed(std::string const& path, std::uint64_t unitSize, std::string const& note) {
+    std::uint64_t const size = std::filesystem::file_size(path);
+    std::uint64_t const units = size / unitSize;
+    CommandResult const ranges = fsparser({"ranges", path});
+    EXPECT_EQ(ranges.exitCode, 0) << ranges;
+    EXPECT_EQ(ranges.output, "0 " + std::to_string(units) + "\n");
+    EXPECT_EQ(ranges.error, "fsparser: note: " + path + ": " + note + "; every unit counts as used\n");
+    CommandResult const info = fsparser({"info", "--json", path});
+    EXPECT_EQ(info.exitCode, 0) << info;
+    Json const document = Json::parse(info.output);
+    EXPECT_EQ(document["file_system"], "unrecognized");
+    EXPECT_EQ(document["unit_size"], unitSize);
+    EXPECT_EQ(document["used"], units);
+    EXPECT_EQ(document["free"], 0);
+    EXPECT_EQ(document["past_last_unit"], size - units * unitSize);
+    CommandResult const bitmap = fsparser({"bitmap", "-q", path});
+    EXPECT_EQ(bitmap.exitCode, 0) << bitmap;
+    EXPECT_EQ(bitmap.error, "");
+    EXPECT_EQ(bitmap.output.size(), (units + 7) / 8);
+    EXPECT_EQ(fsparser({"map", path}).exitCode, 0);
+    CommandResult const detect = fsparser({"detect", path});
+    EXPECT_EQ(detect.exitCode, 3) << detect;
+    EXPECT_EQ(detect.error, "fsparser: " + path + ": " + note + "\n");
+}
+
 TEST(CommandOnBadInput, AVolumeThatEndsInsideTheExtHeaderIsNotUnderstood) {
     TempDirectory const directory;
     ExtBuilder builder = makeThousandBlocks();
     std::string const path = writeFile(directory.file("volume"), builder.resize(1500).bytes);
-    expectRefusal(directory, everyMapVerb(directory, path), 3, line(path, kUnrecognized));
+    expectAllUsed(path, 512, kUnrecognized);
     writeFile(path, makeThousandBlocks().resize(1536).bytes);
     expectRefusal(directory, everyMapVerb(directory, path), 3,
                   line(path, "ends at byte 1536, inside the ext superblock (bytes 1024 to 2047)"));
 }
 
-TEST(CommandOnBadInput, RandomBytesAreNotUnderstood) {
+TEST(CommandOnBadInput, RandomBytesCountAsUsed) {
     TempDirectory const directory;
     std::mt19937 generator(20);
     std::vector<std::uint8_t> bytes(1 << 20);
     std::generate(bytes.begin(), bytes.end(), [&generator] { return static_cast<std::uint8_t>(generator()); });
     std::string const path = writeFile(directory.file("volume"), bytes);
-    expectRefusal(directory, everyMapVerb(directory, path), 3, line(path, kUnrecognized));
+    expectAllUsed(path, 4096, kUnrecognized);
+}
+
+TEST(CommandOnBadInput, TheUnitOfWhatIsNotUnderstoodCanBeChosen) {
+    TempDirectory const directory;
+    std::string const path = writeFile(directory.file("volume"), std::vector<std::uint8_t>(10000));
+    EXPECT_EQ(fsparser({"ranges", path}).output, "0 2\n");
+    EXPECT_EQ(fsparser({"ranges", "--unit", "512", path}).output, "0 19\n");
+    EXPECT_EQ(fsparser({"ranges", "--unit", "1536", path}).output, "0 6\n");
+    expectRefusal(directory, {{"ranges", "--unit", "16384", path}}, 3,
+                  line(path, "has 10000 bytes, less than one unit of 16384"));
+    for (char const* const unit : {"0", "511", "-512", "1073742336", "x"}) {
+        CommandResult const result = fsparser({"ranges", "--unit", unit, path});
+        EXPECT_EQ(result.exitCode, 2) << unit << ": " << result;
+        EXPECT_EQ(result.output, "") << unit;
+    }
 }
 
 /// A thousand blocks with one thing changed, in a file of their size.
@@ -283,8 +324,7 @@ TEST(CommandOnBadInput, WhatIsWrongWithAVolumeThatIsNearlyRecognisedIsSaid) {
     putNtfsName(builder);
     builder.setSuper16(ext_super::kMagic, 0);
     std::string const path = writeExtVolume(directory.file("volume"), builder);
-    expectRefusal(directory, everyMapVerb(directory, path), 3,
-                  line(path, std::string(kUnrecognized) + " (Unexpected bytes per sector: 0x0)"));
+    expectAllUsed(path, 4096, std::string(kUnrecognized) + " (Unexpected bytes per sector: 0x0)");
 }
 
 } // namespace

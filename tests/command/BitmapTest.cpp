@@ -74,8 +74,9 @@ TEST(CommandBitmap, JsonTellsWhatWasWritten) {
     CommandResult const result = fsparser({"bitmap", "--json", "-o", output, volume.path});
     EXPECT_EQ(result.exitCode, 0) << result;
     Json const document = Json::parse(result.output);
-    EXPECT_THAT(keysOf(document), ElementsAre("schema", "file_system", "unit_size", "units", "size", "used", "free",
-                                              "output", "output_bytes", "bit_order"));
+    EXPECT_THAT(keysOf(document),
+                ElementsAre("schema", "file_system", "unit_size", "units", "size", "first_unit_offset", "used", "free",
+                            "output", "output_bytes", "bit_order"));
     EXPECT_EQ(document["used"], 201);
     EXPECT_EQ(document["free"], 799);
     EXPECT_EQ(document["output"], output);

@@ -90,8 +90,8 @@ TEST(CommandMap, AVolumeOfFewUnitsHasACellAUnit) {
 TEST(CommandMap, CellsDifferByOneUnitAtMostAndCoverTheVolume) {
     ThousandBlocks const volume;
     Json const document = Json::parse(mapOf(volume, {"--json", "--width", "7", "--height", "3"}));
-    EXPECT_THAT(keysOf(document),
-                ElementsAre("schema", "file_system", "unit_size", "units", "size", "used", "free", "cells"));
+    EXPECT_THAT(keysOf(document), ElementsAre("schema", "file_system", "unit_size", "units", "size",
+                                              "first_unit_offset", "used", "free", "cells"));
     ASSERT_EQ(document["cells"].size(), 21U);
     std::uint64_t next = 0;
     std::uint64_t used = 0;

@@ -256,8 +256,9 @@ TEST(CommandOnNtfs, NamesSummarisesAndListsTheVolume) {
     StandardVolume const volume;
     EXPECT_EQ(dataOf({"detect", volume.path}), "ntfs\n");
     EXPECT_EQ(documentOf({"info", "--json", volume.path}),
-              Json::parse(R"({"schema":"fsparser.info/1","file_system":"ntfs","unit_size":4096,"units":512,
-                              "size":2097664,"used":125,"free":387,"past_last_unit":512})"));
+              Json::parse(
+                  R"({"schema":"fsparser.info/1","file_system":"ntfs","unit_size":4096,"units":512,
+                              "size":2097664,"first_unit_offset":0,"used":125,"free":387,"past_last_unit":512})"));
     EXPECT_EQ(dataOf({"ranges", volume.path}), "0 2\n4 121\n126 2\n");
     EXPECT_THAT(dataOf({"map", "--ascii", "--width", "32", "--height", "2", volume.path}), HasSubstr("ntfs"));
 }

@@ -85,10 +85,11 @@ TEST(CommandInfo, PrintsTheSummary) {
 TEST(CommandInfo, JsonHasTheSameNumbers) {
     ThousandBlocks const volume;
     Json const document = documentOf({"info", "--json", volume.path});
-    EXPECT_EQ(document, Json::parse(R"({"schema":"fsparser.info/1","file_system":"ext","unit_size":4096,"units":1000,
-                                        "size":4096000,"used":201,"free":799,"past_last_unit":0})"));
-    EXPECT_THAT(keysOf(document),
-                ElementsAre("schema", "file_system", "unit_size", "units", "size", "used", "free", "past_last_unit"));
+    EXPECT_EQ(document, Json::parse(
+                            R"({"schema":"fsparser.info/1","file_system":"ext","unit_size":4096,"units":1000,
+                                        "size":4096000,"first_unit_offset":0,"used":201,"free":799,"past_last_unit":0})"));
+    EXPECT_THAT(keysOf(document), ElementsAre("schema", "file_system", "unit_size", "units", "size",
+                                              "first_unit_offset", "used", "free", "past_last_unit"));
 }
 
 TEST(CommandInfo, BytesPastTheLastUnitAreCounted) {
@@ -105,10 +106,12 @@ TEST(CommandRanges, ListsTheUsedRunsMergedAndInOrder) {
 TEST(CommandRanges, JsonHasTheSameRuns) {
     ThousandBlocks const volume;
     Json const document = documentOf({"ranges", "--json", volume.path});
-    EXPECT_EQ(document, Json::parse(R"({"schema":"fsparser.ranges/1","file_system":"ext","unit_size":4096,"units":1000,
-                              "size":4096000,"ranges":[{"first":0,"count":100},{"first":500,"count":100},
+    EXPECT_EQ(document, Json::parse(
+                            R"({"schema":"fsparser.ranges/1","file_system":"ext","unit_size":4096,"units":1000,
+                              "size":4096000,"first_unit_offset":0,"ranges":[{"first":0,"count":100},{"first":500,"count":100},
                               {"first":650,"count":1}]})"));
-    EXPECT_THAT(keysOf(document), ElementsAre("schema", "file_system", "unit_size", "units", "size", "ranges"));
+    EXPECT_THAT(keysOf(document),
+                ElementsAre("schema", "file_system", "unit_size", "units", "size", "first_unit_offset", "ranges"));
     EXPECT_THAT(keysOf(document["ranges"][0]), ElementsAre("first", "count"));
 }
 

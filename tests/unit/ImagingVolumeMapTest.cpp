@@ -211,19 +211,35 @@ TEST(ImagingVolumeMap, AMapThatIsNotBelievedIsAllUsedWithItsReason) {
                             bench.path + ": ends at byte 409595904, 4096 bytes before the end of its ext file system"));
 }
 
-TEST(ImagingVolumeMap, AVolumeThatIsNotRecognisedHasNoMap) {
+TEST(ImagingVolumeMap, AVolumeThatIsNotRecognisedIsUsedAsAWhole) {
+    TempDirectory const directory;
+    RecordingLogger logger;
+    std::string const path = writeFile(directory.file("zeros"), std::vector<std::uint8_t>(10000));
+    imaging::Volume volume(path, 0, logger);
+    for (std::uint64_t const unit : {0U, 512U, 4096U, 10000U}) {
+        VolumeMap map(volume, VolumeMap::Refused::IsError, unit);
+        std::uint64_t const unitSize = unit == 0 ? 4096 : unit;
+        EXPECT_EQ(map.geometry().unitSize, unitSize);
+        EXPECT_EQ(map.geometry().units, 10000 / unitSize);
+        EXPECT_EQ(map.bytesPastLastUnit(), 10000 % unitSize);
+        imaging::MapTotals const totals = map.walk([](imaging::Run const&) {});
+        EXPECT_EQ(totals.used, map.geometry().units);
+        EXPECT_EQ(totals.free, 0U);
+        EXPECT_THAT(totals.warnings, testing::IsEmpty());
+    }
+}
+
+TEST(ImagingVolumeMap, AVolumeOfLessThanAUnitHasNoMap) {
     TempDirectory const directory;
     RecordingLogger logger;
     std::string const path = writeFile(directory.file("zeros"), std::vector<std::uint8_t>(8192));
     imaging::Volume volume(path, 0, logger);
     try {
-        VolumeMap const map(volume);
-        FAIL() << "zeros are no file system";
+        VolumeMap const map(volume, VolumeMap::Refused::IsError, 16384);
+        FAIL() << "half a unit is no unit";
     } catch (imaging::VolumeError const& error) {
         EXPECT_EQ(error.trouble(), imaging::Trouble::NotUnderstood);
-        EXPECT_EQ(std::string(error.what()),
-                  path + ": holds no file system that is understood: neither the first sector (byte 0) nor the header "
-                         "at byte 1024 is recognised");
+        EXPECT_EQ(std::string(error.what()), path + ": has 8192 bytes, less than one unit of 16384");
     }
 }
 
