@@ -7,9 +7,9 @@ cd "$(dirname "${BASH_SOURCE[0]}")/../.."
 export PATH="$PATH:/usr/sbin:/sbin"
 
 build_packages=(g++ cmake ninja-build libcli11-dev libfmt-dev nlohmann-json3-dev)
-sample_packages=(e2fsprogs ntfs-3g)
-test_packages=(python3-samba libgtest-dev libgmock-dev clang-14 libclang-rt-14-dev binutils e2fsprogs ntfs-3g sleuthkit
-    partclone mount util-linux)
+sample_packages=(e2fsprogs ntfs-3g dosfstools mtools xfsprogs xorriso)
+test_packages=(python3-samba libgtest-dev libgmock-dev clang-14 libclang-rt-14-dev binutils e2fsprogs ntfs-3g dosfstools
+    mtools xfsprogs xorriso hfsplus libfshfs-utils sleuthkit partclone mount util-linux)
 lint_packages=(clang-format-14 clang-tidy-14 git)
 
 say() { printf '== %s\n' "$*" >&2; }
