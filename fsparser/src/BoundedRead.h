@@ -5,6 +5,7 @@
 #include <cstring>
 #include <optional>
 #include <span>
+#include <type_traits>
 
 namespace agent::core::fs {
 

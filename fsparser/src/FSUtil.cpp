@@ -78,7 +78,7 @@ long fs_seek_read_aligned(Logger& logger, agent::core::IVolumeReader const& volu
         Logger::Entry(logger, Level::Debug) << "CHUNK READ FILE FAILED: OFFSET: " << start << " - " << size << " BYTES";
         return -1;
     }
-    // Counted from the aligned start, on purpose: what a short read did not deliver is copied as zeros.
+    // Counted from the aligned start, on purpose: of what is copied, the bytes that were not delivered are zeros.
     unsigned long const copied = std::min(static_cast<unsigned long>(delivered), length);
     if (copied == 0) {
         return 0;

@@ -35,7 +35,7 @@ constexpr std::uint64_t kEntryBytes = 4;
 constexpr std::uint32_t kEntryMask = 0x0FFFFFFF; // the top four bits are reserved
 constexpr std::uint32_t kBadCluster = 0x0FFFFFF7;
 
-/// A product of 32 signed bits that wraps, widened.
+/// A product of 32 signed bits that wraps, widened, on purpose.
 std::int64_t product32(std::uint32_t a, std::uint32_t b) {
     return static_cast<std::int32_t>(a * b);
 }
@@ -91,7 +91,7 @@ public:
 
 private:
     std::int64_t position() const { return static_cast<std::int64_t>(position_); }
-    void divide() { number_ = static_cast<std::uint32_t>(position() / clusterBytes_ + 2); }
+    void divide() { number_ = static_cast<std::uint32_t>(position() / clusterBytes_) + 2; }
 
     std::uint64_t position_; // unsigned, so that absurd places wrap
     std::int64_t clusterBytes_;
@@ -200,6 +200,7 @@ long FATParser::fs_get_blocks_bitmap_chunk(unsigned long length, unsigned long s
     request.dataStart = request.tableOffset + product32(sectorsPerFat_, bytesPerSector_) * numberOfFats_;
     request.clusterBytes = product32(sectorsPerCluster_, bytesPerSector_);
     request.start = static_cast<std::int64_t>(start);
+    std::fill_n(buffer, length, '\0');
     if (request.clusterBytes == 0) {
         return fail(kReadFailed); // no unit has a size, so none has an entry
     }
@@ -207,7 +208,6 @@ long FATParser::fs_get_blocks_bitmap_chunk(unsigned long length, unsigned long s
     std::uint64_t const units = (bytesPerSector_ * totalSectors() + clusterBytes - 1) / clusterBytes;
     // Both as 32-bit values, on purpose: a start beyond the last unit wraps and is not rejected.
     request.count = std::min(static_cast<std::uint32_t>(units - start), static_cast<std::uint32_t>(length * 8));
-    std::fill_n(buffer, length, '\0');
     if (request.count != 0) {
         auto const setBit = [buffer](std::uint32_t unit) {
             buffer[unit >> 3] = static_cast<char>(buffer[unit >> 3] | (1 << (unit & 7)));
@@ -238,7 +238,7 @@ int FATParser::findUsed(Request const& request, Sink const& setUsed) const {
     auto const clusterBytes = static_cast<unsigned long>(request.clusterBytes);
     Entries entries(*logger_, std::uint64_t{request.count} + 1, clusterBytes);
     unsigned long bytesRead = 0;
-    // In whole clusters, not in the parser's alignment.
+    // In whole clusters, not in the parser's alignment, on purpose.
     if (fs_seek_read_aligned(*logger_, *volume_, clusterBytes,
                              static_cast<std::uint64_t>(request.tableOffset) + request.entryOffset(), entries.data(),
                              entries.size(), &bytesRead) < 0) {

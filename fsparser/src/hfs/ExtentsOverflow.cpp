@@ -16,10 +16,10 @@ namespace {
 /// No allocation file has more extents: 2^32 bits in blocks of 512 bytes are 2^20 blocks, and both forks are collected.
 constexpr std::size_t kMostExtents = std::size_t{1} << 21;
 
-/// More leaves than the 2^32 blocks of a volume can fill with records.
-constexpr std::size_t kMostNodesWaiting = std::size_t{1} << 24;
+/// Nodes that are waiting, and nodes that were seen: more than the extents of any volume in use take.
+constexpr std::size_t kMostNodes = std::size_t{1} << 20;
 
-/// Slots in free space may lead to an index node again, one a node; more comes from a cycle only.
+/// Slots in free space may lead to a node again, one a node; more comes from a cycle only.
 constexpr std::size_t kRepeatsAllowed = 64;
 
 using Bytes = std::span<std::uint8_t const>;
@@ -69,9 +69,9 @@ private:
     bool queueRoot();
     bool visit(std::uint32_t number);
     bool isFound(std::uint64_t position, std::uint64_t& address) const;
-    bool takeNode(std::uint32_t number, std::uint64_t address);
+    bool takeNode(std::uint64_t address);
     bool isRepeated(std::uint32_t number);
-    bool queueChildren(std::uint32_t number, std::uint64_t records);
+    bool queueChildren(std::uint64_t records);
     bool takeLeaf(std::uint64_t records);
     bool takeRecord(std::uint64_t offset);
 
@@ -95,7 +95,7 @@ private:
     std::uint64_t nodeSize_ = 0;
     std::unique_ptr<unsigned char[]> node_;
     std::deque<unsigned int> nodes_;
-    std::unordered_set<std::uint32_t> indexNodes_; // seen so far
+    std::unordered_set<std::uint32_t> seen_;
     std::size_t repeats_ = 0;
 };
 
@@ -164,7 +164,7 @@ bool HFSParser::OverflowSearch::queueRoot() {
     if (!holdsIndexRecords(node(), records)) {
         return fail("Failed to read node descriptor");
     }
-    indexNodes_.insert(record.rootNode.value());
+    seen_.insert(record.rootNode.value());
     parser_.fs_traverse_index_node(nodes_, node_, nodeSize_, records);
     return true;
 }
@@ -181,10 +181,10 @@ bool HFSParser::OverflowSearch::visit(std::uint32_t number) {
     if (address < base_) {
         return fail("Node offset starts before the start of the extent");
     }
-    if (!readNode(address)) {
+    if (isRepeated(number) || !readNode(address)) {
         return fail("Could not read next node at ", address);
     }
-    return takeNode(number, address);
+    return takeNode(address);
 }
 
 bool HFSParser::OverflowSearch::isFound(std::uint64_t position, std::uint64_t& address) const {
@@ -200,12 +200,12 @@ bool HFSParser::OverflowSearch::isFound(std::uint64_t position, std::uint64_t& a
     return false;
 }
 
-bool HFSParser::OverflowSearch::takeNode(std::uint32_t number, std::uint64_t address) {
+bool HFSParser::OverflowSearch::takeNode(std::uint64_t address) {
     std::uint64_t const records = descriptor().numRecords.value();
     bool isSound = true;
     switch (descriptor().kind) {
     case kHfsIndexNode:
-        isSound = queueChildren(number, records);
+        isSound = queueChildren(records);
         break;
     case kHfsLeafNode:
         isSound = takeLeaf(records);
@@ -220,16 +220,17 @@ bool HFSParser::OverflowSearch::takeNode(std::uint32_t number, std::uint64_t add
 }
 
 bool HFSParser::OverflowSearch::isRepeated(std::uint32_t number) {
-    return !indexNodes_.insert(number).second && ++repeats_ > kRepeatsAllowed + indexNodes_.size();
+    bool const isNew = seen_.insert(number).second;
+    return seen_.size() > kMostNodes || (!isNew && ++repeats_ > kRepeatsAllowed + seen_.size());
 }
 
-bool HFSParser::OverflowSearch::queueChildren(std::uint32_t number, std::uint64_t records) {
-    if (isRepeated(number) || !holdsIndexRecords(node(), records)) {
+bool HFSParser::OverflowSearch::queueChildren(std::uint64_t records) {
+    if (!holdsIndexRecords(node(), records)) {
         return false;
     }
     // One slot more than there are records, unlike the root's, on purpose.
     parser_.fs_traverse_index_node(nodes_, node_, nodeSize_, records + 1);
-    return nodes_.size() <= kMostNodesWaiting;
+    return nodes_.size() <= kMostNodes;
 }
 
 bool HFSParser::OverflowSearch::takeLeaf(std::uint64_t records) {
@@ -249,7 +250,7 @@ bool HFSParser::OverflowSearch::takeRecord(std::uint64_t offset) {
         return false;
     }
     if (fileId->value() != fileId_) {
-        return true;
+        return true; // only the file ID is compared, not fork type or start block, on purpose
     }
     auto const record = readAt<HFSPlusExtentRecord>(node(), offset + keyLength->value() + sizeof(be16));
     if (!record || extents_.size() + record->size() > kMostExtents) {

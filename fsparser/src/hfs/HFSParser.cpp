@@ -41,6 +41,7 @@ struct HFSParser::Stretch {
 HFSParser::HFSParser(Logger& logger, unsigned int alignment, agent::core::IVolumeReader const& volume)
     : logger_(&logger), volume_(&volume), alignment_(alignment) {
     unsigned long bytesRead = 0;
+    // At byte 0 of what the reader presents and not at byte 1024, on purpose.
     if (fs_seek_read_aligned(logger, volume, alignment_, 0, &header_, sizeof header_, &bytesRead) == -1) {
         throw std::runtime_error("Error reading HFS+ superblock.");
     }

@@ -38,7 +38,7 @@ XFSParser::XFSBTreeNode::XFSBTreeNode(XFSParser const* parser, unsigned int agNu
         parser->blockSize_ * (std::uint64_t{parser->agBlocks_} * agNumber + std::uint64_t{agBlock});
     logDebug(*parser->logger_, "btn addr = ", address);
     xfs_btree_block header{};
-    if (!parser->read(address, &header, sizeof header)) { // always this much, whatever the header's own length
+    if (!parser->read(address, &header, sizeof header)) { // always 56 bytes, on purpose
         throw std::runtime_error("XFS: cannot read btree node header");
     }
     magic = header.bb_magic.value();

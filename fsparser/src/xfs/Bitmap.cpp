@@ -10,6 +10,8 @@
 #include <span>
 #include <stdexcept>
 #include <utility>
+#include <variant>
+#include <vector>
 
 namespace agent::core::fs {
 
@@ -20,8 +22,14 @@ namespace {
 
 constexpr unsigned int kFailed = 0xFFFFFFFF;
 
-/// The deepest tree that is followed: the format goes to 9 levels, and more come from a cycle only.
+/// The deepest tree that is followed: the format goes to 9 levels.
 constexpr unsigned kDeepestTree = 64;
+
+/// Most nodes that are read for one chunk: levels that lead to one another crosswise could be walked for ever.
+constexpr std::uint64_t kMostNodes = std::uint64_t{1} << 24;
+
+/// Runs that are put in order together before they are marked.
+constexpr std::size_t kRunsTogether = std::size_t{1} << 16;
 
 constexpr char const* kCannotRead = "XFS: cannot read btree node header";
 
@@ -57,6 +65,7 @@ struct XFSParser::Chunk {
     unsigned long byteOffset;
     unsigned long length;
     unsigned long count = 0;
+    std::uint64_t nodes = 0; ///< read so far
 };
 
 /// The walk over one group's free-space tree.
@@ -69,20 +78,33 @@ public:
     void run(std::uint32_t root);
 
 private:
-    struct Waiting {
-        XFSBTreeNode node;
+    /// An inner node of which nothing but the first child is wanted.
+    struct Inner {
+        std::uint32_t firstChild;
         unsigned depth;
     };
+    using Waiting = std::variant<Inner, XFSBTreeNode>;
 
+    /// Blocks in the group, [first, last).
+    struct Run {
+        std::uint64_t first;
+        std::uint64_t last;
+
+        bool operator<(Run const& other) const { return first < other.first; }
+    };
+
+    XFSBTreeNode load(std::uint32_t block);
     void keep(XFSBTreeNode node, unsigned depth);
-    void keepLevel(std::uint32_t first, unsigned depth);
-    void markLeaf(XFSBTreeNode const& leaf);
+    void keepLevel(Inner const& parent);
+    void takeLeaf(XFSBTreeNode const& leaf);
+    void markRuns();
 
     XFSParser const& parser_;
     std::uint32_t group_;
     Chunk& chunk_;
     bool isTraced_;
     std::deque<Waiting> waiting_;
+    std::vector<Run> runs_;
 };
 
 long XFSParser::fs_get_blocks_bitmap_chunk(unsigned long length, unsigned long offset, char* buffer) const {
@@ -96,6 +118,7 @@ long XFSParser::fs_get_blocks_bitmap_chunk(unsigned long length, unsigned long o
         return -1; // without a message of its own; groups of 0 blocks cannot be told apart
     }
     unsigned long const end = offset + bits;
+    // Group numbers are kept in 32 bits, on purpose.
     auto const firstGroup = static_cast<std::uint32_t>(offset / agBlocks_);
     auto const lastGroup = static_cast<std::uint32_t>((end + agBlocks_ - 1) / agBlocks_);
     logDebug(*logger_, "Iterating over allocation group(s) ", firstGroup, " - ", lastGroup);
@@ -155,20 +178,24 @@ void XFSParser::fs_bitmap_mark(char* buffer, unsigned long byteOffset, unsigned 
 void XFSParser::bitmap_mark_range(char* buffer, unsigned long byteOffset, unsigned long length, unsigned int agNumber,
                                   unsigned int agBlocks, unsigned int start, unsigned int blocks,
                                   unsigned long* count) const {
-    std::span const bits(reinterpret_cast<std::uint8_t*>(buffer), length);
-    std::uint64_t const groupStart = std::uint64_t{agNumber} * agBlocks;
-    std::uint64_t const chunkStart = byteOffset * 8;
-    std::uint64_t const chunkEnd = (byteOffset + length) * 8;
-    auto const mark = [&](std::uint64_t first, std::uint64_t last) { // in the group, [first, last)
-        std::uint64_t const from = std::max(groupStart + first, chunkStart);
-        std::uint64_t const to = std::min(groupStart + last, chunkEnd);
-        *count += from < to ? setBits(bits, from - chunkStart, to - from) : 0;
-    };
+    Chunk chunk{buffer, byteOffset, length};
     constexpr std::uint64_t kWrap = std::uint64_t{1} << 32;
+    std::uint64_t const groupStart = std::uint64_t{agNumber} * agBlocks;
     std::uint64_t const end = std::uint64_t{start} + blocks;
-    mark(start, std::min(end, kWrap));
+    mark(chunk, groupStart + start, groupStart + std::min(end, kWrap));
     if (end > kWrap) {
-        mark(0, end - kWrap);
+        mark(chunk, groupStart, groupStart + end - kWrap);
+    }
+    *count += chunk.count;
+}
+
+void XFSParser::mark(Chunk& chunk, std::uint64_t first, std::uint64_t last) {
+    std::uint64_t const chunkStart = chunk.byteOffset * 8;
+    std::uint64_t const from = std::max(first, chunkStart);
+    std::uint64_t const to = std::min(last, (chunk.byteOffset + chunk.length) * 8);
+    if (from < to) {
+        std::span const bits(reinterpret_cast<std::uint8_t*>(chunk.buffer), chunk.length);
+        chunk.count += setBits(bits, from - chunkStart, to - from);
     }
 }
 
@@ -214,53 +241,89 @@ unsigned int XFSParser::read_agfl(unsigned short version, unsigned int agNumber,
 }
 
 void XFSParser::TreeWalk::run(std::uint32_t root) {
-    keep(XFSBTreeNode(&parser_, group_, root), 0);
+    keep(load(root), 0);
     while (!waiting_.empty()) {
         Waiting const last = std::move(waiting_.back());
         waiting_.pop_back();
-        if (last.node.level == 0) {
-            markLeaf(last.node);
+        if (auto const* const leaf = std::get_if<XFSBTreeNode>(&last)) {
+            takeLeaf(*leaf);
         } else {
-            keepLevel(last.node.children[0], last.depth + 1);
+            keepLevel(std::get<Inner>(last));
         }
     }
+    markRuns();
 }
 
-/// Queues a node. A leaf is marked at once where no trace would show the difference, so that a level's records need not
+XFSParser::XFSBTreeNode XFSParser::TreeWalk::load(std::uint32_t block) {
+    if (++chunk_.nodes > kMostNodes) {
+        throw std::runtime_error(kCannotRead);
+    }
+    return {&parser_, group_, block};
+}
+
+/// Queues a node. A leaf is taken at once where no trace would show the difference, so that a level's records need not
 /// be held together.
 void XFSParser::TreeWalk::keep(XFSBTreeNode node, unsigned depth) {
-    if (node.level == 0 && !isTraced_) {
-        markLeaf(node);
+    if (node.level != 0) {
+        waiting_.emplace_back(Inner{node.children[0], depth});
+    } else if (isTraced_) {
+        waiting_.emplace_back(std::move(node));
     } else {
-        waiting_.push_back({std::move(node), depth});
+        takeLeaf(node);
     }
 }
 
 /// Queues the whole level from a node on, not only the children of one parent, on purpose: in trees of three and more
 /// levels, lower nodes come several times.
-void XFSParser::TreeWalk::keepLevel(std::uint32_t first, unsigned depth) {
+void XFSParser::TreeWalk::keepLevel(Inner const& parent) {
+    unsigned const depth = parent.depth + 1;
     if (depth > kDeepestTree) {
         throw std::runtime_error(kCannotRead);
     }
-    ChainGuard guard(first);
-    XFSBTreeNode node(&parser_, group_, first);
+    ChainGuard guard(parent.firstChild);
+    XFSBTreeNode node = load(parent.firstChild);
     while (node.right_sib != kXfsNullBlock) {
         if (guard.isCycle(node.right_sib)) {
             throw std::runtime_error(kCannotRead);
         }
-        XFSBTreeNode next(&parser_, group_, node.right_sib);
+        XFSBTreeNode next = load(node.right_sib);
         keep(std::exchange(node, std::move(next)), depth);
     }
     keep(std::move(node), depth);
 }
 
-void XFSParser::TreeWalk::markLeaf(XFSBTreeNode const& leaf) {
+void XFSParser::TreeWalk::takeLeaf(XFSBTreeNode const& leaf) {
+    constexpr std::uint64_t kWrap = std::uint64_t{1} << 32;
     for (std::size_t i = 0; i < leaf.num_recs; ++i) {
-        xfs_btree_record const& run = leaf.records[i];
-        logDebug(*parser_.logger_, group_, ": ", run.start, " -> ", run.count);
-        parser_.bitmap_mark_range(chunk_.buffer, chunk_.byteOffset, chunk_.length, group_, parser_.agBlocks_, run.start,
-                                  run.count, &chunk_.count);
+        xfs_btree_record const& record = leaf.records[i];
+        logDebug(*parser_.logger_, group_, ": ", record.start, " -> ", record.count);
+        std::uint64_t const end = std::uint64_t{record.start} + record.count; // wraps at 32 bits
+        runs_.push_back({record.start, std::min(end, kWrap)});
+        if (end > kWrap) {
+            runs_.push_back({0, end - kWrap});
+        }
     }
+    if (runs_.size() >= kRunsTogether) {
+        markRuns();
+    }
+}
+
+/// Marks each block once for all runs that name it: runs that overlap cost no more than runs that do not.
+void XFSParser::TreeWalk::markRuns() {
+    if (!std::is_sorted(runs_.begin(), runs_.end())) {
+        std::sort(runs_.begin(), runs_.end());
+    }
+    std::uint64_t const groupStart = std::uint64_t{group_} * parser_.agBlocks_;
+    Run merged{0, 0};
+    for (Run const& run : runs_) {
+        if (run.first > merged.last) {
+            mark(chunk_, groupStart + merged.first, groupStart + merged.last);
+            merged = run;
+        }
+        merged.last = std::max(merged.last, run.last);
+    }
+    mark(chunk_, groupStart + merged.first, groupStart + merged.last);
+    runs_.clear();
 }
 
 } // namespace agent::core::fs

@@ -71,7 +71,7 @@ unsigned long XFSParser::getXFSJournalBlocks() const {
 long XFSParser::getChunk(unsigned long offset, char* buffer, unsigned long length) const {
     long const result = fs_get_blocks_bitmap_chunk(length, offset, buffer);
     if (result < 0) {
-        // Unlike its siblings' texts without "the", on purpose.
+        // Without the "the" of its siblings' texts, on purpose.
         Logger::Entry(*logger_, Level::Error)
             << "A logical error occurred while attempting to parse XFS bitmap, err: " << result;
     }

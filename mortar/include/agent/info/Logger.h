@@ -38,8 +38,8 @@ public:
     Logger& operator=(Logger const&) = default;
     virtual ~Logger();
 
-    /// Whether messages of this level are wanted. Asked once for each entry; true by default. What it throws leaves the
-    /// library.
+    /// Whether messages of this level are wanted. Asked once for each entry, and sometimes once for many; true by
+    /// default. What it throws leaves the library.
     virtual bool isEnabled(Level level) const;
 
     /// Takes one whole message, without a trailing newline. Called once for each enabled entry.

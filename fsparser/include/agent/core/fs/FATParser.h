@@ -19,19 +19,20 @@ struct fat_boot_sector;
 ///
 /// Limits that are kept on purpose, so that a caller must know them:
 /// - The map is exact for a single request that starts at unit 0 and whose buffer holds the whole map (at least
-///   units / 8 bytes). A later request consults the table at shifted entries, and one that starts inside the data area
-///   consults entries that it never read: **the process is aborted** then.
-/// - Even a request from unit 0 reaches past the entries it read, and aborts, when the data area starts less than one
-///   whole cluster after byte 0 (two, when it does not start at a multiple of the cluster size).
+///   units / 8 bytes). A later request consults the table at shifted entries, and one that reaches into the data area
+///   may consult entries that it never read: **the process is aborted** then.
+/// - Even a request from unit 0 may reach past the entries it read, and abort, when the data area starts less than one
+///   cluster size after byte 0.
 /// - Of the sectors per FAT only the low 16 bits are kept; tables of 65536 sectors and more are mis-sized.
-/// - The first table is read, whatever the mirroring flags say. A start beyond the last unit is not answered with 0.
+/// - The first table is read, whatever the mirroring flags say. A start past the end of the units is not answered with
+/// 0.
 ///
 /// The boot sector is read once, at construction. A request reads its stretch of the table in one piece (4 bytes a
 /// unit and 4 more) and holds nothing afterwards. Logger and volume reader are not owned and must outlive the parser;
 /// one thread at a time.
 ///
 /// Memory: 8 bytes for each unit requested while the table is read, 4 afterwards, in pages that the volume fills; never
-/// more than 64 times the caller's own buffer.
+/// more than 64 times the caller's own buffer and two clusters.
 class AGENT_EXPORT FATParser : public IBlockBitmapChunkProvider {
 public:
     /// Reads and checks the boot sector (512 bytes at byte 0).
@@ -53,9 +54,10 @@ public:
     /// @param buffer  the volume's first sector, at least 87 bytes; null is not recognised
     static bool isFATFileSystem(void* buffer);
 
-    /// As IBlockBitmapChunkProvider states it, within the limits above: 0 only for an empty request. The whole buffer
-    /// is cleared first. A negative result is -1 (the table cannot be read, or the cluster size is 0) or -400 (it came
-    /// short), after a `Debug` entry "returning[2] " with the code and an `Error` entry that ends with it.
+    /// As IBlockBitmapChunkProvider states it, within the limits above: 0 for an empty request and for a start
+    /// exactly at the end. The whole buffer is cleared first. A negative result is -1 (the table cannot be read, or the
+    /// cluster size is 0) or -400 (it came short), after a `Debug` entry "returning[2] " with the code and an `Error`
+    /// entry that ends with it.
     /// @throws std::exception  the memory for the table cannot be had, or the cluster size is no power of two
     ///     (std::bad_alloc, std::invalid_argument), after a `Debug` entry
     long getChunk(unsigned long offset, char* buffer, unsigned long length) const override;

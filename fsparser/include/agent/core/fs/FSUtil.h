@@ -11,8 +11,9 @@ namespace agent::core::fs {
 /// Reads any byte range of a volume through whole alignment units, as direct I/O wants it: one seek, then reads of at
 /// most 4 MiB each into a zeroed, aligned buffer that lives for the one call, from which the wanted bytes are copied.
 ///
-/// A short read does not fail the call, on purpose: the bytes that the volume did not deliver arrive as zeros, and
-/// `bytesRead` counts from the aligned start, not from `offset`.
+/// A short read does not fail the call, on purpose. `bytesRead` counts what the volume delivered from the aligned start
+/// on, not from `offset`, and that many bytes are copied: those of them that lie past the delivered ones arrive as
+/// zeros, and the rest of the buffer is left as it was.
 ///
 /// @param logger     takes the entries of failures
 /// @param volume     sought and read; its position afterwards is not promised

@@ -21,7 +21,7 @@ namespace agent::core::fs {
 ///
 /// The volume that this parser is given **begins with the volume header**: its byte 0 is byte 1024 of an HFS+ volume,
 /// while the address of an allocation block is its number times the block size, as on the volume itself. Whoever
-/// constructs it presents the volume that way.
+/// constructs it presents the volume that way. Both this and what detection looks at are so on purpose.
 ///
 /// Limits that are kept on purpose, so that a caller must know them:
 /// - An allocation file whose extents fill their list exactly, for instance eight in the header and none elsewhere, has
@@ -50,8 +50,9 @@ public:
     /// @param buffer  what stands at byte 1024 of the volume, at least 2 bytes; null is not recognised
     static bool isHFSFileSystem(void* buffer);
 
-    /// As IBlockBitmapChunkProvider states it. The offset is a multiple of 8. Only the bytes that hold the returned
-    /// units are written. A negative result is -1, after an `Error` entry of its cause ("startBlock must be divisible
+    /// As IBlockBitmapChunkProvider states it. The offset is a multiple of 8. Never more than `length` bytes are
+    /// written, although it may be more than the returned units need; what a short read does not deliver is left as it
+    /// was. A negative result is -1, after an `Error` entry of its cause ("startBlock must be divisible
     /// by 8", "Couldn't parse extent overflow file for bitmap extents.", "Error in HFS+ parsing read.") and one that
     /// ends with the code.
     /// @throws std::bad_alloc  the memory for a read cannot be had
@@ -64,17 +65,17 @@ protected:
     /// Sum of the blocks in the fork's eight extents. The fork's own count is not looked at.
     unsigned long fs_get_num_blocks(HFSPlusForkData const& fork) const;
 
-    /// The routine behind getChunk(), without the second entry. A block size that is no power of two cannot be read in,
-    /// which is a failed read.
+    /// The routine behind getChunk(), without the second entry; unlike its siblings', with the arguments in
+    /// getChunk()'s order, on purpose. A block size that is no power of two cannot be read in, which is a failed read.
     long fs_get_blocks_bitmap_chunk(unsigned long offset, char* buffer, unsigned long length) const;
 
     /// Appends the extents of a file that the extents-overflow tree holds, eight descriptors a record, in the order of
     /// a walk from the root, level by level. Keys are compared by file ID alone.
     ///
-    /// Records that lie outside their node, a node too small for its descriptor, a block size that is no power of two,
-    /// more than 2^21 extents, more than 2^24 nodes waiting at a time, or index nodes that come again and again (a
-    /// cycle) end the search: "Failed to read node descriptor" for the root, "Could not read next node at " and the
-    /// address for another.
+    /// Records that lie outside their node, a node too small for its descriptor, more than 2^21 extents, more than 2^20
+    /// nodes, and nodes that come again and again (a cycle) end the search: "Failed to read node descriptor" for the
+    /// root, "Could not read next node at " and the address for another. A block size that is no power of two is a
+    /// failed read.
     /// @param fileId   catalog node ID of the file
     /// @param extents  keeps what it holds; grows
     /// @return false after an `Error` entry

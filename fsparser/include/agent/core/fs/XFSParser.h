@@ -31,7 +31,8 @@ struct xfs_btree_record {
 /// significant bit first.
 ///
 /// Limits that are kept on purpose, so that a caller must know them:
-/// - Bits at or past the last block: in a chunk from block 0 the bytes wholly past it stay 0, in others they are 1.
+/// - Bits at or past the last block: as many bytes of every chunk as the whole map has are inverted, so that in a
+///   chunk from block 0 the bytes wholly past it stay 0, and in a later one they are 1.
 /// - A free list that wraps around its end stays used, and so do its entries beyond the first 512 bytes.
 /// - From an inner node of a free-space tree the whole level below it is walked, from the node's first child to the
 ///   level's right end: trees of three and more levels have their lower nodes read more than once.
@@ -59,8 +60,9 @@ public:
 
     /// As IBlockBitmapChunkProvider states it. The offset is a multiple of 8. The whole buffer is cleared first; what
     /// it holds after an error means nothing. A negative result is -1, after an `Error` entry of its cause ("Can't read
-    /// fsi block.", "Invalid fsi magic number.", a text of XFSBTreeNode; none for an offset that is no multiple of 8,
-    /// groups of 0 blocks, or an unreadable free list) and one that ends with the code.
+    /// fsi block.", "Invalid fsi magic number.", a text of XFSBTreeNode, whose "XFS: cannot read btree node header"
+    /// also stands for siblings in a circle, for more than 64 levels and for more than 2^24 nodes; none for an offset
+    /// that is no multiple of 8, groups of 0 blocks, or an unreadable free list) and one that ends with the code.
     /// @throws std::bad_alloc  the memory for a node cannot be had
     long getChunk(unsigned long offset, char* buffer, unsigned long length) const override;
 
@@ -116,6 +118,7 @@ private:
 
     AGENT_LOCAL bool read(std::uint64_t address, void* buffer, std::uint64_t length) const;
     AGENT_LOCAL void logGeometry() const;
+    AGENT_LOCAL static void mark(Chunk& chunk, std::uint64_t first, std::uint64_t last);
     AGENT_LOCAL bool markGroup(std::uint32_t group, Chunk& chunk) const;
     AGENT_LOCAL void markFreeList(std::uint32_t group, xfs_free_space_info const& info, unsigned int const* list,
                                   Chunk& chunk) const;
@@ -142,12 +145,15 @@ public:
     /// Reads and checks the node.
     /// @param parser   whose logger, volume and alignment are used; not kept
     /// @param agBlock  block in the group
-    /// @throws std::runtime_error  "XFS: cannot create null btree node" (block 0xFFFFFFFF), "XFS: cannot read btree
-    /// node
-    ///     header", "XFS: Invalid btree node magic number.", "XFS: Invalid num_recs in btree node.", "XFS: Internal
-    ///     node can't have 0 records.", "XFS: Can't read records in btree node." or "XFS: Can't read children in btree
-    ///     node."
-    /// @throws std::bad_alloc      the memory for its records, at most 768 KiB, cannot be had
+    /// @throws std::runtime_error
+    ///     - "XFS: cannot create null btree node": block 0xFFFFFFFF
+    ///     - "XFS: cannot read btree node header"
+    ///     - "XFS: Invalid btree node magic number."
+    ///     - "XFS: Invalid num_recs in btree node."
+    ///     - "XFS: Internal node can't have 0 records."
+    ///     - "XFS: Can't read records in btree node."
+    ///     - "XFS: Can't read children in btree node."
+    /// @throws std::bad_alloc  the memory for its records, at most 768 KiB, cannot be had
     XFSBTreeNode(XFSParser const* parser, unsigned int agNumber, unsigned int agBlock);
     XFSBTreeNode(XFSBTreeNode&& other) noexcept;
     XFSBTreeNode& operator=(XFSBTreeNode&& other) noexcept;
