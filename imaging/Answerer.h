@@ -4,14 +4,18 @@
 #include "agent/core/IVolumeReader.h"
 #include "agent/core/fs/IBlockBitmapChunkProvider.h"
 #include "agent/core/fs/UnrecognizedParser.h"
+#include "imaging/ByteRange.h"
 #include "imaging/Error.h"
 #include "imaging/Geometry.h"
 #include "imaging/Volume.h"
 
+#include <functional>
 #include <memory>
 #include <new>
+#include <optional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace imaging {
 
@@ -23,6 +27,14 @@ struct Answerer {
     std::shared_ptr<agent::core::IVolumeReader const> reader;
 
     std::unique_ptr<agent::core::fs::IBlockBitmapChunkProvider> provider;
+
+    /// Names what a copy must keep although the map may call it free; empty for nothing. Ranges may overlap.
+    /// @throws VolumeError  the volume cannot be read for it
+    std::function<std::vector<ByteRange>()> alwaysKept = nullptr;
+
+    /// Names what the volume says of itself when it was not cleanly unmounted, as one clause; empty for nothing.
+    /// @throws VolumeError  the volume cannot be read for it
+    std::function<std::optional<std::string>()> uncleanReason = nullptr;
 };
 
 /// Constructs a parser on a reader of a volume; `more` goes to its constructor.

@@ -4,8 +4,9 @@
 #include "agent/core/fs/EXTParser.h"
 #include "imaging/Detection.h"
 #include "imaging/Error.h"
-#include "imaging/LoadInteger.h"
 #include "imaging/ext/ExtDescriptors.h"
+#include "imaging/ext/ExtFacts.h"
+#include "imaging/ext/ExtKept.h"
 
 #include <algorithm>
 #include <array>
@@ -17,8 +18,6 @@ namespace imaging::ext {
 
 namespace {
 
-constexpr std::uint64_t kSuperBlockBytes = 1024;
-
 /// The format goes up to 64 KiB blocks (log 6).
 constexpr std::uint32_t kLargestLogBlockSize = 6;
 
@@ -27,52 +26,10 @@ constexpr std::uint32_t kLargestLogBlockSize = 6;
 constexpr std::uint64_t kShortestChunk = std::uint64_t{1} << 20;
 constexpr std::uint64_t kLongestChunk = std::uint64_t{32} << 20;
 
-constexpr std::uint32_t kIncompatJournalDevice = 0x8;
-constexpr std::uint32_t kIncompatMetaBg = 0x10;
-constexpr std::uint32_t kIncompat64Bit = 0x80;
-constexpr std::uint32_t kRoCompatBigalloc = 0x200;
-
 /// The incompatible features under which the block bitmaps keep their place and their meaning: compression, filetype,
 /// recover, extents, 64bit, mmp, flex_bg, ea_inode, dirdata, csum_seed, largedir, inline_data, encrypt, casefold.
 constexpr std::uint32_t kIncompatHarmless =
     0x1 | 0x2 | 0x4 | 0x40 | 0x80 | 0x100 | 0x200 | 0x400 | 0x1000 | 0x2000 | 0x4000 | 0x8000 | 0x10000 | 0x20000;
-
-/// The fields of the superblock that count here.
-struct Facts {
-    std::uint64_t blocks;
-    std::uint32_t firstDataBlock;
-    std::uint32_t logBlockSize;
-    std::uint32_t blocksPerGroup;
-    std::uint32_t clustersPerGroup;
-    std::uint32_t incompatible;
-    std::uint32_t readOnlyCompatible;
-    std::uint32_t descriptorSize;
-
-    std::uint64_t blockSize() const { return std::uint64_t{1024} << logBlockSize; }
-    /// With 1 KiB blocks the superblock fills block 1, with larger ones it lies in block 0.
-    std::uint32_t usualFirstDataBlock() const { return logBlockSize == 0 ? 1 : 0; }
-    bool has(std::uint32_t feature) const { return (incompatible & feature) != 0; }
-};
-
-std::uint32_t load32(std::span<std::uint8_t const> super, std::size_t offset) {
-    return static_cast<std::uint32_t>(load(super, offset, 4));
-}
-
-Facts parse(std::span<std::uint8_t const> super) {
-    Facts facts{};
-    facts.incompatible = load32(super, 0x60);
-    facts.blocks = load32(super, 0x04);
-    if (facts.has(kIncompat64Bit)) {
-        facts.blocks |= load(super, 0x150, 4) << 32;
-    }
-    facts.firstDataBlock = load32(super, 0x14);
-    facts.logBlockSize = load32(super, 0x18);
-    facts.blocksPerGroup = load32(super, 0x20);
-    facts.clustersPerGroup = load32(super, 0x24);
-    facts.readOnlyCompatible = load32(super, 0x64);
-    facts.descriptorSize = facts.has(kIncompat64Bit) ? static_cast<std::uint32_t>(load(super, 0xFE, 2)) : 32;
-    return facts;
-}
 
 std::string hexadecimal(std::uint64_t value) {
     std::array<char, 32> text{};
@@ -151,6 +108,18 @@ std::optional<std::string> findLimit(Facts const& facts) {
     return std::nullopt;
 }
 
+std::optional<std::string> uncleanReason(Facts const& facts) {
+    if (facts.has(kIncompatRecover)) {
+        return "s_feature_incompat " + hexadecimal(facts.incompatible) +
+               " has needs_recovery (0x4): its journal holds changes that are not in place yet";
+    }
+    if ((facts.state & kStateClean) == 0 || (facts.state & kStateErrors) != 0) {
+        return "s_state is " + std::to_string(facts.state) +
+               ": it was not unmounted cleanly, or errors were found in it";
+    }
+    return std::nullopt;
+}
+
 std::uint64_t chunkBytes(Facts const& facts) {
     if (facts.blocksPerGroup == 0) {
         return kShortestChunk; // the parser refuses such a volume at once
@@ -159,6 +128,19 @@ std::uint64_t chunkBytes(Facts const& facts) {
     std::uint64_t const table = std::min(groups, kLongestChunk) * facts.descriptorSize;
     return std::clamp(table, kShortestChunk, kLongestChunk);
 }
+
+Geometry makeGeometry(Facts const& facts) {
+    Geometry geometry;
+    geometry.unitSize = facts.blockSize();
+    geometry.units = facts.blocks;
+    geometry.bytes = geometry.units * geometry.unitSize;
+    geometry.chunkBytes = chunkBytes(facts);
+    geometry.notBelieved = findLimit(facts);
+    return geometry;
+}
+
+/// Requires a volume that no limit applies to, with groups.
+} // namespace
 
 Facts readFacts(Volume& volume) {
     if (volume.size() < kHeaderOffset + kSuperBlockBytes) {
@@ -177,26 +159,6 @@ Facts readFacts(Volume& volume) {
     return facts;
 }
 
-Geometry makeGeometry(Facts const& facts) {
-    Geometry geometry;
-    geometry.unitSize = facts.blockSize();
-    geometry.units = facts.blocks;
-    geometry.bytes = geometry.units * geometry.unitSize;
-    geometry.chunkBytes = chunkBytes(facts);
-    geometry.notBelieved = findLimit(facts);
-    return geometry;
-}
-
-/// Requires a volume that no limit applies to, with groups.
-DescriptorTable tableOf(Facts const& facts) {
-    std::uint64_t const inGroups = facts.blocks - std::min<std::uint64_t>(facts.blocks, facts.firstDataBlock);
-    return {facts.blockSize() * (std::uint64_t{facts.firstDataBlock} + 1),
-            (inGroups + facts.blocksPerGroup - 1) / facts.blocksPerGroup, facts.descriptorSize, facts.firstDataBlock,
-            facts.blocks};
-}
-
-} // namespace
-
 Geometry readGeometry(Volume& volume) {
     return makeGeometry(readFacts(volume));
 }
@@ -213,7 +175,8 @@ Answerer open(Volume& volume) {
     if (geometry.notBelieved) {
         return allUsed(std::move(geometry));
     }
-    return {std::move(geometry), nullptr, makeParser<agent::core::fs::EXTParser>(volume)};
+    return {std::move(geometry), nullptr, makeParser<agent::core::fs::EXTParser>(volume),
+            [&volume] { return alwaysKept(volume); }, [facts] { return uncleanReason(facts); }};
 }
 
 } // namespace imaging::ext

@@ -28,6 +28,11 @@ constexpr std::uint64_t kBadCluster = 0x0FFFFFF7;
 constexpr std::uint64_t kNotMirrored = 0x80;
 constexpr std::uint64_t kActiveTable = 0x0F;
 
+/// In entry 1 of the table, set on a sound volume; in the boot sector's state, set while the volume is mounted.
+constexpr std::uint64_t kCleanShutdown = 0x08000000;
+constexpr std::uint64_t kNoErrors = 0x04000000;
+constexpr std::uint64_t kDirty = 0x01;
+
 /// The fields of the boot sector that count here.
 struct Facts {
     std::uint64_t bytesPerSector;
@@ -40,6 +45,7 @@ struct Facts {
     std::uint64_t sectorsPerFat;
     std::uint64_t extendedFlags;
     std::uint64_t rootCluster;
+    std::uint64_t state;
 
     std::uint64_t clusterBytes() const { return sectorsPerCluster * bytesPerSector; }
     std::uint64_t tableStart() const { return reservedSectors * bytesPerSector; }
@@ -64,6 +70,7 @@ Facts parse(std::span<std::uint8_t const> boot) {
     facts.sectorsPerFat = load(boot, 0x24, 4);
     facts.extendedFlags = load(boot, 0x28, 2);
     facts.rootCluster = load(boot, 0x2C, 4);
+    facts.state = boot[0x41];
     return facts;
 }
 
@@ -124,8 +131,7 @@ Reason findMisfit(Facts const& facts) {
         return "a table has " + std::to_string(facts.tableEntries()) + " entries, and the volume's " +
                std::to_string(facts.clusters()) + " clusters need " + std::to_string(facts.clusters() + kFirstCluster);
     }
-    bool const isAligned = facts.dataStart() % facts.clusterBytes() == 0;
-    if (facts.dataStart() < facts.clusterBytes() || (!isAligned && facts.dataStart() == facts.clusterBytes())) {
+    if (facts.dataStart() < facts.clusterBytes()) {
         return "the data area begins at byte " + std::to_string(facts.dataStart()) +
                ", inside the first piece of a cluster's size (" + std::to_string(facts.clusterBytes()) +
                " bytes): the parser would need more entries than it reads";
@@ -151,6 +157,20 @@ Reason findContradiction(Volume& volume, Facts const& facts) {
     std::uint64_t const root = readEntry(volume, facts, facts.rootCluster);
     if (root == 0 || root == kBadCluster) {
         return "the table calls cluster " + std::to_string(facts.rootCluster) + " free, which holds the root directory";
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string> uncleanReason(Volume& volume, Facts const& facts) {
+    std::uint64_t const flags = readEntry(volume, facts, 1);
+    if ((flags & kCleanShutdown) == 0) {
+        return "entry 1 of its table has the flag of a clean unmount cleared";
+    }
+    if ((flags & kNoErrors) == 0) {
+        return "entry 1 of its table says that reading or writing it failed";
+    }
+    if ((facts.state & kDirty) != 0) {
+        return "its boot sector has the dirty flag set";
     }
     return std::nullopt;
 }
@@ -183,7 +203,8 @@ Answerer open(Volume& volume) {
     if (geometry.notBelieved) {
         return allUsed(std::move(geometry));
     }
-    return {std::move(geometry), nullptr, makeParser<agent::core::fs::FATParser>(volume)};
+    return {std::move(geometry), nullptr, makeParser<agent::core::fs::FATParser>(volume), nullptr,
+            [&volume, facts] { return uncleanReason(volume, facts); }};
 }
 
 } // namespace imaging::fat

@@ -7,6 +7,7 @@
 #include "imaging/hfs/HeaderFirstReader.h"
 #include "imaging/hfs/HfsHeader.h"
 #include "imaging/hfs/HfsOverflow.h"
+#include "imaging/hfs/HfsState.h"
 #include "imaging/hfs/HfsWrapper.h"
 
 #include <algorithm>
@@ -19,7 +20,7 @@ namespace {
 using Reason = std::optional<std::string>;
 
 /// The parser reads the overflow tree again at each chunk; long chunks make that cheap.
-constexpr std::uint64_t kChunkBytes = std::uint64_t{16} << 20;
+constexpr std::uint64_t kChunkBytes = std::uint64_t{8} << 20;
 
 constexpr std::uint64_t kSmallestBlock = 512;
 
@@ -115,14 +116,29 @@ Reason findContradiction(agent::core::fs::HFSParser const& parser, Header const&
     return std::nullopt;
 }
 
+/// Bytes of the HFS+ volume; none of what lies outside it.
+ReadBytes readerOf(Volume& volume, Embedded const& place) {
+    return [&volume, place](std::uint64_t offset, std::uint64_t length) {
+        bool const isInside = offset < place.bytes && length <= place.bytes - offset;
+        return isInside ? volume.readBytes(place.start + offset, length) : std::vector<std::uint8_t>();
+    };
+}
+
 Reason findLooseEnds(Volume& volume, Embedded const& place, Header const& header) {
     if (header.allocation.blocks <= header.allocation.blocksInHeader()) {
         return std::nullopt; // the tree is not looked at
     }
-    return findLooseSlot(header, [&](std::uint64_t offset, std::uint64_t length) {
-        bool const isInside = offset < place.bytes && length <= place.bytes - offset;
-        return isInside ? volume.readBytes(place.start + offset, length) : std::vector<std::uint8_t>();
-    });
+    return findLooseSlot(header, readerOf(volume, place));
+}
+
+/// The blocks that hold the volume header and its copy, which lies 1024 bytes before the end. What lies outside the
+/// blocks is kept of any volume.
+std::vector<ByteRange> alwaysKept(Embedded const& place, Header const& header) {
+    std::uint64_t const block = header.blockSize;
+    std::uint64_t const end = header.blocks * block;
+    std::uint64_t const headerEnd = (kHeaderOffset + kHeaderBytes + block - 1) / block * block;
+    std::uint64_t const copy = end < kHeaderOffset ? 0 : (end - kHeaderOffset) / block * block;
+    return {{place.start, place.start + std::min(headerEnd, end)}, {place.start + copy, place.start + end}};
 }
 
 } // namespace
@@ -154,7 +170,9 @@ Answerer open(Volume& volume) {
     if (geometry.notBelieved) {
         return allUsed(std::move(geometry));
     }
-    return {std::move(geometry), std::move(reader), std::move(parser)};
+    return {std::move(geometry), std::move(reader), std::move(parser),
+            [place, header] { return alwaysKept(place, header); },
+            [&volume, place, header] { return uncleanReason(header, readerOf(volume, place)); }};
 }
 
 } // namespace imaging::hfs

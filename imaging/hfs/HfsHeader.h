@@ -5,10 +5,15 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <string>
+#include <vector>
 
 namespace imaging::hfs {
+
+/// Reads bytes of the HFS+ volume: offset and length. Nothing comes of what lies outside the volume.
+using ReadBytes = std::function<std::vector<std::uint8_t>(std::uint64_t offset, std::uint64_t length)>;
 
 /// Consecutive allocation blocks.
 struct Extent {
@@ -38,6 +43,8 @@ struct Header {
     std::uint64_t version;
     std::uint64_t blockSize;
     std::uint64_t blocks;
+    std::uint64_t attributes;
+    std::uint64_t journalInfoBlock;
     Fork allocation; ///< the allocation file
     Fork overflow;   ///< the extents-overflow file
 };
@@ -56,6 +63,8 @@ inline Header parseHeader(std::span<std::uint8_t const> bytes) {
             loadBig(bytes, 2, 2),
             loadBig(bytes, 40, 4),
             loadBig(bytes, 44, 4),
+            loadBig(bytes, 4, 4),
+            loadBig(bytes, 12, 4),
             parseFork(bytes.subspan(112, 80)),
             parseFork(bytes.subspan(192, 80))};
 }

@@ -12,9 +12,6 @@
 
 namespace imaging::hfs {
 
-/// Reads bytes of the HFS+ volume: offset and length.
-using ReadBytes = std::function<std::vector<std::uint8_t>(std::uint64_t offset, std::uint64_t length)>;
-
 /// The parser follows one slot more than an index node below the root has records. The first such slot that leads
 /// somewhere, as one clause: what it finds there may be extents that are no longer the allocation file's. Nothing when
 /// the tree is sound, and nothing where it cannot be read: then the parser has something to say about it.

@@ -13,7 +13,15 @@ namespace {
 /// A chunk asks for a few records again; long chunks make that cheap.
 constexpr std::uint64_t kChunkBytes = std::uint64_t{4} << 20;
 
+constexpr unsigned long kVolumeRecord = 3;
 constexpr unsigned long kBitmapRecord = 6;
+
+/// Of a resident attribute: its header's length and where its value begins; in the value of $VOLUME_INFORMATION the
+/// flags, and the one of a volume that was not unmounted cleanly.
+constexpr std::size_t kResidentHeader = 0x18;
+constexpr std::size_t kValueOffset = 0x14;
+constexpr std::size_t kVolumeFlags = 0x0A;
+constexpr std::uint64_t kVolumeDirty = 0x0001;
 
 /// Of a non-resident attribute: its header's length, and where its flags and sizes stand.
 constexpr std::size_t kNonResidentHeader = 0x40;
@@ -133,6 +141,28 @@ Reason findLimit(Probe const& parser, Boot const& boot, Facts const& facts) {
     return reason ? reason : findContradiction(parser, facts);
 }
 
+/// The dirty flag in $Volume.
+std::optional<std::string> uncleanReason(Probe const& parser, Boot const& boot, std::string const& path) {
+    try {
+        Probe::Attributes const information =
+            parser.attributesOf(kVolumeRecord, agent::core::fs::kVolumeInformation, boot);
+        std::span<std::uint8_t const> const attribute = information.first;
+        if (attribute.size() < kResidentHeader) {
+            return "$Volume (record 3) does not tell whether it was unmounted cleanly";
+        }
+        std::uint64_t const value = load(attribute, kValueOffset, 2);
+        if (value + kVolumeFlags + 2 > attribute.size()) {
+            return "$Volume (record 3) does not tell whether it was unmounted cleanly";
+        }
+        if (std::uint64_t const flags = load(attribute, value + kVolumeFlags, 2); (flags & kVolumeDirty) != 0) {
+            return "$Volume (record 3) has the dirty flag (flags " + std::to_string(flags) + ")";
+        }
+        return std::nullopt;
+    } catch (std::exception const& error) {
+        throw VolumeError(Trouble::Io, path + ": $Volume (record 3) cannot be read: " + error.what());
+    }
+}
+
 Geometry readGeometry(Volume& volume, Boot const& boot) {
     Geometry geometry;
     geometry.unitSize = boot.clusterSize();
@@ -168,7 +198,9 @@ Answerer open(Volume& volume) {
         volume.logger().takeReason(""); // the reason is told in its own words
         return allUsed(std::move(geometry));
     }
-    return {std::move(geometry), nullptr, std::move(parser)};
+    Probe const* const probe = parser.get();
+    return {std::move(geometry), nullptr, std::move(parser), nullptr,
+            [probe, boot, path = volume.path()] { return uncleanReason(*probe, boot, path); }};
 }
 
 } // namespace imaging::ntfs

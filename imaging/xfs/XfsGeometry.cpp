@@ -4,6 +4,7 @@
 #include "agent/core/fs/XFSParser.h"
 #include "imaging/Detection.h"
 #include "imaging/LoadInteger.h"
+#include "imaging/xfs/XfsLog.h"
 
 #include <algorithm>
 #include <array>
@@ -31,6 +32,12 @@ constexpr std::uint64_t kFewestGroupBlocks = 64;
 /// meta UUID, bigtime, large extent counters, exchange range, parent pointers.
 constexpr std::uint64_t kIncompatHarmless = 0x1 | 0x2 | 0x4 | 0x8 | 0x20 | 0x40 | 0x80;
 constexpr std::uint64_t kIncompatNeedsRepair = 0x10;
+
+/// Superblock copy, free-space header, inode header and free list take a sector each.
+constexpr std::uint64_t kHeaderSectors = 4;
+
+/// Volumes of more groups are kept as a whole: their list would take too much memory.
+constexpr std::uint64_t kMostGroups = std::uint64_t{1} << 20;
 
 /// The fields of the superblock that count here.
 struct Facts {
@@ -162,6 +169,34 @@ Reason findMisplacedJournal(Journal const& journal, Facts const& facts) {
            " blocks)";
 }
 
+/// The headers of every group, which lie in its first four sectors, and the journal.
+std::vector<ByteRange> alwaysKept(Journal const& journal, Facts const& facts) {
+    if (facts.groups > kMostGroups) {
+        return {{0, facts.blocks * facts.blockSize}};
+    }
+    std::uint64_t const headers =
+        (kHeaderSectors * facts.sectorSize + facts.blockSize - 1) / facts.blockSize * facts.blockSize;
+    std::vector<ByteRange> ranges;
+    for (std::uint64_t group = 0; group < facts.groups; ++group) {
+        std::uint64_t const start = group * facts.groupBlocks * facts.blockSize;
+        ranges.push_back({start, start + headers});
+    }
+    if (!journal.isExternal) {
+        ranges.push_back({journal.first * facts.blockSize, (journal.first + journal.units) * facts.blockSize});
+    }
+    return ranges;
+}
+
+std::optional<std::string> uncleanReason(Volume& volume, Journal const& journal, Facts const& facts) {
+    if (journal.isExternal) {
+        return "its journal lies on another device: whether it holds changes that are not in place yet cannot be told";
+    }
+    std::uint64_t const start = journal.first * facts.blockSize;
+    return findOpenLog(journal.units * facts.blockSize, [&volume, start](std::uint64_t offset, std::uint64_t length) {
+        return volume.readBytes(start + offset, length);
+    });
+}
+
 } // namespace
 
 Answerer open(Volume& volume) {
@@ -187,7 +222,9 @@ Answerer open(Volume& volume) {
     if (geometry.notBelieved) {
         return allUsed(std::move(geometry));
     }
-    return {std::move(geometry), nullptr, std::move(parser)};
+    Journal const journal = *geometry.journal;
+    return {std::move(geometry), nullptr, std::move(parser), [journal, facts] { return alwaysKept(journal, facts); },
+            [&volume, journal, facts] { return uncleanReason(volume, journal, facts); }};
 }
 
 } // namespace imaging::xfs
