@@ -3,6 +3,7 @@
 
 #include "cli/Console.h"
 #include "cli/ExitCode.h"
+#include "cli/Progress.h"
 #include "cli/Terminal.h"
 
 #include <cstdint>
@@ -27,7 +28,13 @@ struct Options {
     std::string pathList;                  ///< stat, extents, acl: a file of paths, or "-" for standard input
     std::optional<unsigned long> cache;    ///< stat, extents, acl: directories that the path cache keeps
     bool sddl = false;                     ///< acl: print security descriptor definition language
-    bool ascii = false;                    ///< map: nothing but ASCII
+    std::string destination;               ///< copy: a path or "-"; verify: the image
+    bool toDevice = false;                 ///< copy: the destination is a block device
+    bool force = false;                    ///< copy: an existing file is replaced
+    bool skipUnreadable = false;           ///< copy: go on where the volume cannot be read
+    std::string rescueMap;                 ///< copy: where what could not be read is listed; empty: beside the copy
+    ProgressChoice progress = ProgressChoice::Auto; ///< copy
+    bool ascii = false;                             ///< map: nothing but ASCII
 };
 
 /// Each prints its data on standard output and returns kOk, kInconsistent, or kNotUnderstood where a path was not
@@ -38,6 +45,10 @@ ExitCode runInfo(Options const& options, Console& console);
 ExitCode runMap(Options const& options, Console& console);
 ExitCode runBitmap(Options const& options, Console& console);
 ExitCode runRanges(Options const& options, Console& console);
+ExitCode runCopy(Options const& options, Console& console);
+/// kDifferent where the image differs.
+ExitCode runVerify(Options const& options, Console& console);
+ExitCode runDigest(Options const& options, Console& console);
 ExitCode runStat(Options const& options, Console& console);
 ExitCode runExtents(Options const& options, Console& console);
 ExitCode runAcl(Options const& options, Console& console);

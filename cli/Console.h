@@ -33,6 +33,8 @@ public:
     /// Says what is wrong with a volume that was answered for all the same.
     void warnings(std::vector<std::string> const& sentences) const;
 
+    bool isQuiet() const { return verbosity_ == Verbosity::Quiet; }
+
 private:
     Verbosity verbosity_;
 };

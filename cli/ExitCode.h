@@ -10,6 +10,7 @@ enum ExitCode : int {
     kUsage = 2,         ///< the arguments make no sense
     kNotUnderstood = 3, ///< not found, or not a file system that is understood
     kInconsistent = 4,  ///< done, but the volume is inconsistent or its map is not to be believed
+    kDifferent = 5,     ///< verification failed
     kInterrupted = 130, ///< stopped by SIGINT, SIGTERM or SIGHUP
 };
 

@@ -39,6 +39,8 @@ Examples:
   fsparser info --json /dev/sdb1
   fsparser map --color always disk.img | less -R
   fsparser bitmap -o used.bin disk.img
+  fsparser copy /dev/sdb1 disk.img
+  fsparser verify /dev/sdb1 disk.img
   fsparser ranges --json disk.img | jq '.ranges | length'
   fsparser stat disk.img /Users/guest/notes.txt
   fsparser extents --json disk.img /pagefile.sys
@@ -139,14 +141,18 @@ void addMap(CLI::App& app, Request& request) {
     map->footer("Example:\n  fsparser map --width 64 --height 8 disk.img\n");
 }
 
+void addAllUsedIfRefused(CLI::App* command, Request& request) {
+    command->add_flag("--all-used-if-refused", request.options.allUsedIfRefused,
+                      "a volume that is recognised but refused counts as used as a whole (exit code 4)");
+}
+
 void addBitmap(CLI::App& app, Request& request) {
     CLI::App* const bitmap =
         addVerb(app, request, "bitmap", "Write the raw bitmap: one bit a unit, least significant bit first", runBitmap);
     bitmap->add_option("-o,--output", request.options.output, "where to: a file, or - for standard output (default)")
         ->type_name("FILE|-")
         ->check(CLI::Validator([](std::string& path) { return path.empty() ? "names no file" : ""; }, ""));
-    bitmap->add_flag("--all-used-if-refused", request.options.allUsedIfRefused,
-                     "a volume that is recognised but refused counts as used as a whole (exit code 4)");
+    addAllUsedIfRefused(bitmap, request);
     addUnit(bitmap, request);
     bitmap->footer("A file appears under its name only when it is whole.\n\nExamples:\n"
                    "  fsparser bitmap -o used.bin disk.img\n  fsparser bitmap disk.img | xxd | head\n");
@@ -166,6 +172,56 @@ void addVerbs(CLI::App& app, Request& request) {
         addVerb(app, request, "ranges", "List the used runs: first unit and count, one run a line", runRanges);
     addUnit(ranges, request);
     ranges->footer("Example:\n  fsparser ranges disk.img | awk '{ units += $2 } END { print units }'\n");
+}
+
+ProgressChoice progressChoice(std::string const& when) {
+    return when == "json" ? ProgressChoice::Json : when == "never" ? ProgressChoice::Never : ProgressChoice::Auto;
+}
+
+std::string checkProgress(std::string const& when) {
+    bool const isKnown = when == "auto" || when == "never" || when == "json";
+    return isKnown ? std::string() : "it is auto, never or json, not " + when;
+}
+
+void addCopy(CLI::App& app, Request& request) {
+    Options& options = request.options;
+    CLI::App* const copy =
+        addVerb(app, request, "copy", "Copy the used units and what must always be kept, nothing else", runCopy);
+    copy->add_option("DEST", options.destination, "a file, a block device with --to-device, or - for standard output")
+        ->required();
+    copy->add_flag("--force", options.force, "replace an existing file, once the copy is whole");
+    copy->add_flag("--to-device", options.toDevice, "DEST is a block device, which is overwritten");
+    CLI::Option* const skip =
+        copy->add_flag("--skip-unreadable", options.skipUnreadable,
+                       "go on where the volume cannot be read, and list the places (exit code 4)");
+    copy->add_option("--rescue-map", options.rescueMap,
+                     "where --skip-unreadable lists them, as a ddrescue mapfile (default: DEST.map)")
+        ->type_name("FILE")
+        ->needs(skip);
+    copy->add_option_function<std::string>(
+            "--progress", [&options](std::string const& when) { options.progress = progressChoice(when); },
+            "auto, never or json, on standard error (default: auto, on a terminal)")
+        ->type_name("WHEN")
+        ->check(CLI::Validator(checkProgress, ""));
+    addAllUsedIfRefused(copy, request);
+    addUnit(copy, request);
+    copy->footer("A file appears under its name only when it is whole. Free space is a hole in it.\n\nExamples:\n"
+                 "  fsparser copy /dev/sdb1 disk.img\n  fsparser copy disk.img - | zstd > disk.img.zst\n"
+                 "  fsparser copy --to-device disk.img /dev/sdc1\n");
+}
+
+void addCopyVerbs(CLI::App& app, Request& request) {
+    addCopy(app, request);
+    CLI::App* const verify =
+        addVerb(app, request, "verify", "Compare what a copy must hold; free space may differ", runVerify);
+    verify->add_option("IMAGE", request.options.destination, "the copy: an image file or a block device")->required();
+    addAllUsedIfRefused(verify, request);
+    addUnit(verify, request);
+    verify->footer("Example:\n  fsparser verify /dev/sdb1 disk.img\n");
+    CLI::App* const digest = addVerb(app, request, "digest", "Hash the map and the used content (SHA-256)", runDigest);
+    addUnit(digest, request);
+    digest->footer("Equal for a volume, its copies and what they are restored to.\n\nExample:\n"
+                   "  fsparser digest disk.img\n");
 }
 
 void addPaths(CLI::App* command, Request& request) {
@@ -194,8 +250,29 @@ bool isFileVerb(Verb verb) {
     return verb == runStat || verb == runExtents || verb == runAcl;
 }
 
+void checkCopy(Options const& options) {
+    if (options.destination != "-") {
+        return;
+    }
+    if (options.json) {
+        throw CLI::ValidationError("--json", "needs a DEST other than -: the copy itself goes to standard output");
+    }
+    if (options.toDevice) {
+        throw CLI::ValidationError("--to-device", "- is standard output and no device");
+    }
+    if (options.skipUnreadable && options.rescueMap.empty()) {
+        throw CLI::ValidationError("--skip-unreadable", "needs --rescue-map FILE when DEST is -");
+    }
+    if (isTerminal()) {
+        throw CLI::ValidationError("DEST", "the copy is binary and standard output is a terminal; name a file");
+    }
+}
+
 /// Contradictions that no single option can see.
 void checkTogether(Request const& request) {
+    if (request.verb == runCopy) {
+        checkCopy(request.options);
+    }
     if (isFileVerb(request.verb) && request.options.paths.empty() && request.options.pathList.empty()) {
         throw CLI::ValidationError("PATH", "name at least one path, or --from FILE");
     }
@@ -251,6 +328,7 @@ int run(int argc, char** argv) {
     app.set_version_flag("--version", "fsparser " FSPARSER_VERSION);
     app.require_subcommand(1);
     addVerbs(app, request);
+    addCopyVerbs(app, request);
     addFileVerbs(app, request);
     try {
         app.parse(argc, argv);

@@ -32,6 +32,10 @@ struct Answerer {
     /// @throws VolumeError  the volume cannot be read for it
     std::function<std::vector<ByteRange>()> alwaysKept = nullptr;
 
+    /// Names what no sound map calls free; empty for nothing. Ranges may overlap.
+    /// @throws VolumeError  the volume cannot be read for it
+    std::function<std::vector<ByteRange>()> mustBeUsed = nullptr;
+
     /// Names what the volume says of itself when it was not cleanly unmounted, as one clause; empty for nothing.
     /// @throws VolumeError  the volume cannot be read for it
     std::function<std::optional<std::string>()> uncleanReason = nullptr;
@@ -61,8 +65,14 @@ std::unique_ptr<Parser> makeParser(Volume& volume, More const&... more) {
     return makeParserOn<Parser>(volume, volume.reader(), volume.alignment(), more...);
 }
 
+/// Bytes of a chunk in which every bit is set.
+inline constexpr std::uint64_t kAllUsedChunk = std::uint64_t{1} << 20;
+
 /// Every unit counts as used, for a reason that the geometry may hold.
 inline Answerer allUsed(Geometry geometry) {
+    // The size that a header claims takes no memory.
+    geometry.isOneRequest = false;
+    geometry.chunkBytes = kAllUsedChunk;
     std::uint64_t const units = geometry.units;
     return {std::move(geometry), nullptr, std::make_unique<agent::core::fs::UnrecognizedParser>(units)};
 }

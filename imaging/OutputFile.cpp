@@ -54,9 +54,13 @@ void applyUsualMode(int descriptor) {
 
 } // namespace
 
-OutputFile::OutputFile(std::string const& path, std::string const& source)
-    : path_(targetOf(path)), temporary_(directoryOf(path_) + "/.fsparser.XXXXXX") {
+OutputFile::OutputFile(std::string const& path, std::string const& source, Existing existing)
+    : path_(targetOf(path)), temporary_(directoryOf(path_) + "/.fsparser.XXXXXX"), existing_(existing) {
     requireReplaceable(path, source);
+    if (existing == Existing::IsRefused && ::access(path_.c_str(), F_OK) == 0) {
+        errno = EEXIST;
+        fail("is left alone");
+    }
     descriptor_ = ::mkostemp(temporary_.data(), O_CLOEXEC);
     if (descriptor_ == -1) {
         fail("cannot be created");
@@ -85,11 +89,32 @@ void OutputFile::write(std::span<std::uint8_t const> bytes) {
     }
 }
 
+void OutputFile::writeAt(std::uint64_t offset, std::span<std::uint8_t const> bytes) {
+    while (!bytes.empty()) {
+        ssize_t const count = ::pwrite(descriptor_, bytes.data(), bytes.size(), static_cast<off_t>(offset));
+        if (count == -1 && errno == EINTR) {
+            continue;
+        }
+        if (count <= 0) {
+            errno = count == 0 ? ENOSPC : errno;
+            fail("cannot be written");
+        }
+        bytes = bytes.subspan(static_cast<std::size_t>(count));
+        offset += static_cast<std::uint64_t>(count);
+    }
+}
+
+void OutputFile::resize(std::uint64_t size) {
+    if (::ftruncate(descriptor_, static_cast<off_t>(size)) != 0) {
+        fail("cannot be made as long as the volume");
+    }
+}
+
 void OutputFile::commit() {
     if (::fsync(descriptor_) != 0) {
         fail("cannot be synced");
     }
-    if (::rename(temporary_.c_str(), path_.c_str()) != 0) {
+    if (!isRenamed()) {
         fail("cannot be renamed into place");
     }
     ::close(descriptor_);
@@ -99,6 +124,17 @@ void OutputFile::commit() {
         ::fsync(directory); // the name is there either way; this only makes it durable sooner
         ::close(directory);
     }
+}
+
+bool OutputFile::isRenamed() const {
+    if (existing_ == Existing::IsRefused) {
+        int const result = ::renameat2(AT_FDCWD, temporary_.c_str(), AT_FDCWD, path_.c_str(), RENAME_NOREPLACE);
+        if (result == 0 || errno != EINVAL) {
+            return result == 0;
+        }
+        // This file system cannot tell; a file that came meanwhile was not there when the work began.
+    }
+    return ::rename(temporary_.c_str(), path_.c_str()) == 0;
 }
 
 void OutputFile::fail(char const* what) const {

@@ -11,10 +11,15 @@ namespace imaging {
 /// also when an exception passes by, the temporary file goes and whatever stood under the name is untouched.
 class OutputFile {
 public:
-    /// @param path    the name; an existing file is replaced by commit(), through a symbolic link the file it leads to
-    /// @param source  path of the volume that is read: a destination that is the same file is refused
-    /// @throws VolumeError  the file cannot be created, or the name belongs to something that is not a regular file
-    OutputFile(std::string const& path, std::string const& source);
+    /// What to do with a file that stands under the name.
+    enum class Existing { IsReplaced, IsRefused };
+
+    /// @param path      the name; an existing file is replaced by commit(), through a symbolic link the file it leads
+    /// to
+    /// @param source    path of the volume that is read: a destination that is the same file is refused
+    /// @param existing  IsRefused: nothing that stands under the name is replaced, also when it came meanwhile
+    /// @throws VolumeError  the file cannot be created, or the name belongs to something that may not be replaced
+    OutputFile(std::string const& path, std::string const& source, Existing existing = Existing::IsReplaced);
     OutputFile(OutputFile const&) = delete;
     OutputFile& operator=(OutputFile const&) = delete;
     ~OutputFile();
@@ -23,15 +28,25 @@ public:
     /// @throws VolumeError  they cannot be written
     void write(std::span<std::uint8_t const> bytes);
 
+    /// Writes bytes at a place of their own.
+    /// @throws VolumeError  they cannot be written
+    void writeAt(std::uint64_t offset, std::span<std::uint8_t const> bytes);
+
+    /// Gives the file a size; what was never written is a hole.
+    /// @throws VolumeError  the file cannot be that long
+    void resize(std::uint64_t size);
+
     /// Makes the file durable under its name.
     /// @throws VolumeError  that failed; nothing stands under the name that was not there before
     void commit();
 
 private:
+    bool isRenamed() const;
     [[noreturn]] void fail(char const* what) const;
 
     std::string path_;
     std::string temporary_;
+    Existing existing_;
     int descriptor_ = -1;
 };
 

@@ -19,7 +19,6 @@ namespace {
 
 /// The unit of a volume whose own is not known.
 constexpr std::uint64_t kFallbackUnit = 4096;
-constexpr std::uint64_t kFallbackChunk = std::uint64_t{1} << 20;
 
 /// What is left past the last whole unit belongs to none.
 Geometry fallbackGeometry(Volume const& volume, std::uint64_t unit) {
@@ -27,7 +26,7 @@ Geometry fallbackGeometry(Volume const& volume, std::uint64_t unit) {
     geometry.unitSize = unit != 0 ? unit : volume.size() < kFallbackUnit ? kSectorBytes : kFallbackUnit;
     geometry.units = volume.size() / geometry.unitSize;
     geometry.bytes = geometry.units * geometry.unitSize;
-    geometry.chunkBytes = kFallbackChunk;
+    geometry.chunkBytes = kAllUsedChunk;
     if (geometry.units == 0) {
         throw VolumeError(Trouble::NotUnderstood, volume.path() + ": has " + std::to_string(volume.size()) +
                                                       " bytes, less than one unit of " + std::to_string(unit));
@@ -66,6 +65,47 @@ Answerer openOrAllUsed(Volume& volume, VolumeMap::Refused refused, std::uint64_t
     }
 }
 
+/// Hands runs on, and counts as used what no sound map calls free.
+class Corrector {
+public:
+    /// @param ranges  in order
+    Corrector(Geometry const& geometry, std::vector<ByteRange> const& ranges, RunBuilder& target) : target_(target) {
+        for (ByteRange const& range : ranges) {
+            std::uint64_t const first = (range.begin - geometry.start) / geometry.unitSize;
+            std::uint64_t const last = (range.end - geometry.start + geometry.unitSize - 1) / geometry.unitSize;
+            units_.push_back({first, std::min(last, geometry.units)});
+        }
+    }
+
+    void add(Run const& run) {
+        std::uint64_t const end = run.first + run.count;
+        for (std::uint64_t unit = run.first; unit < end;) {
+            while (next_ < units_.size() && units_[next_].end <= unit) {
+                ++next_;
+            }
+            bool const isWithin = next_ < units_.size() && units_[next_].begin <= unit;
+            std::uint64_t const border = next_ == units_.size() ? end
+                                         : isWithin             ? units_[next_].end
+                                                                : units_[next_].begin;
+            std::uint64_t const stop = std::min(end, border);
+            if (isWithin && !run.used && !firstFault_) {
+                firstFault_ = unit;
+            }
+            target_.addRun(stop - unit, run.used || isWithin);
+            unit = stop;
+        }
+    }
+
+    /// The first unit that was free and may not be.
+    std::optional<std::uint64_t> firstFault() const { return firstFault_; }
+
+private:
+    std::vector<ByteRange> units_; // in units
+    RunBuilder& target_;
+    std::size_t next_ = 0;
+    std::optional<std::uint64_t> firstFault_;
+};
+
 } // namespace
 
 VolumeMap::VolumeMap(Volume& volume, Refused refused, std::uint64_t unit)
@@ -75,17 +115,38 @@ std::uint64_t VolumeMap::bytesPastLastUnit() const {
     return volume_.size() > endOfUnits() ? volume_.size() - endOfUnits() : 0;
 }
 
+std::vector<ByteRange> VolumeMap::alwaysKept() const {
+    return answerer_.alwaysKept ? answerer_.alwaysKept() : std::vector<ByteRange>();
+}
+
+std::vector<ByteRange> VolumeMap::mustBeUsed() const {
+    return answerer_.mustBeUsed ? normalized(answerer_.mustBeUsed(), volume_.size()) : std::vector<ByteRange>();
+}
+
+std::optional<std::string> VolumeMap::uncleanReason() const {
+    return answerer_.uncleanReason ? answerer_.uncleanReason() : std::nullopt;
+}
+
 MapTotals VolumeMap::walk(RunSink const& sink, Progress const& progress) {
     MapTotals totals;
-    RunBuilder runs(sink);
+    RunBuilder corrected(sink);
+    Corrector corrector(geometry(), mustBeUsed(), corrected);
+    RunBuilder runs([&corrector](Run const& run) { corrector.add(run); });
     if (geometry().notBelieved) {
         totals.warnings.push_back(volume_.path() + ": " + *geometry().notBelieved + "; every unit counts as used");
     }
     checkSize(totals);
     walkParser(runs, totals, progress);
     runs.finish();
-    totals.used = runs.usedUnits();
-    totals.free = runs.units() - runs.usedUnits();
+    corrected.finish();
+    totals.used = corrected.usedUnits();
+    totals.free = corrected.units() - corrected.usedUnits();
+    if (corrector.firstFault()) {
+        totals.isDoubtful = true;
+        totals.warnings.push_back(volume_.path() + ": the map calls unit " + std::to_string(*corrector.firstFault()) +
+                                  " free, which holds the file system's own headers or its journal; those count as "
+                                  "used, and the rest of the map is not to be trusted");
+    }
     return totals;
 }
 

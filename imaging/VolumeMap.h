@@ -21,6 +21,9 @@ struct MapTotals {
     /// What does not fit together, a sentence each; empty for a sound volume. A map with warnings is complete and errs
     /// towards used.
     std::vector<std::string> warnings;
+
+    /// The map calls something free that cannot be; nothing in it should be left out.
+    bool isDoubtful = false;
 };
 
 /// The map of a volume. Where the parser's answer must not be believed, every unit counts as used.
@@ -39,9 +42,20 @@ public:
 
     Geometry const& geometry() const { return answerer_.geometry; }
 
+    /// Bytes of the volume.
+    std::uint64_t volumeSize() const { return volume_.size(); }
+
     /// Bytes of the volume after its last unit. They belong to no unit, as do those before the first
     /// (geometry().start).
     std::uint64_t bytesPastLastUnit() const;
+
+    /// What a copy must keep although the map may call it free; ranges may overlap.
+    /// @throws VolumeError  the volume cannot be read for it
+    std::vector<ByteRange> alwaysKept() const;
+
+    /// What the volume says of itself when it was not cleanly unmounted, as one clause.
+    /// @throws VolumeError  the volume cannot be read for it
+    std::optional<std::string> uncleanReason() const;
 
     /// Called after each chunk with the units done; what it throws ends the walk.
     using Progress = std::function<void(std::uint64_t units)>;
@@ -51,6 +65,7 @@ public:
     MapTotals walk(RunSink const& sink, Progress const& progress = {});
 
 private:
+    std::vector<ByteRange> mustBeUsed() const;
     std::uint64_t endOfUnits() const { return geometry().start + geometry().units * geometry().unitSize; }
     std::uint64_t nextChunk(std::uint64_t unit, std::vector<char>& chunk);
     void walkParser(RunBuilder& runs, MapTotals& totals, Progress const& progress);

@@ -75,6 +75,7 @@ inline Facts parse(std::span<std::uint8_t const> super) {
     return facts;
 }
 
+/// Requires a volume that no limit applies to, with groups.
 inline DescriptorTable tableOf(Facts const& facts) {
     std::uint64_t const inGroups = facts.blocks - std::min<std::uint64_t>(facts.blocks, facts.firstDataBlock);
     return {facts.blockSize() * (std::uint64_t{facts.firstDataBlock} + 1),

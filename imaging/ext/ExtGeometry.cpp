@@ -139,7 +139,6 @@ Geometry makeGeometry(Facts const& facts) {
     return geometry;
 }
 
-/// Requires a volume that no limit applies to, with groups.
 } // namespace
 
 Facts readFacts(Volume& volume) {
@@ -175,8 +174,10 @@ Answerer open(Volume& volume) {
     if (geometry.notBelieved) {
         return allUsed(std::move(geometry));
     }
-    return {std::move(geometry), nullptr, makeParser<agent::core::fs::EXTParser>(volume),
-            [&volume] { return alwaysKept(volume); }, [facts] { return uncleanReason(facts); }};
+    Answerer answerer{std::move(geometry), nullptr, makeParser<agent::core::fs::EXTParser>(volume)};
+    answerer.alwaysKept = [&volume] { return alwaysKept(volume); };
+    answerer.uncleanReason = [facts] { return uncleanReason(facts); };
+    return answerer;
 }
 
 } // namespace imaging::ext

@@ -203,8 +203,9 @@ Answerer open(Volume& volume) {
     if (geometry.notBelieved) {
         return allUsed(std::move(geometry));
     }
-    return {std::move(geometry), nullptr, makeParser<agent::core::fs::FATParser>(volume), nullptr,
-            [&volume, facts] { return uncleanReason(volume, facts); }};
+    Answerer answerer{std::move(geometry), nullptr, makeParser<agent::core::fs::FATParser>(volume)};
+    answerer.uncleanReason = [&volume, facts] { return uncleanReason(volume, facts); };
+    return answerer;
 }
 
 } // namespace imaging::fat

@@ -128,7 +128,12 @@ Reason findLooseEnds(Volume& volume, Embedded const& place, Header const& header
     if (header.allocation.blocks <= header.allocation.blocksInHeader()) {
         return std::nullopt; // the tree is not looked at
     }
-    return findLooseSlot(header, readerOf(volume, place));
+    return findOddTree(header, readerOf(volume, place));
+}
+
+/// The volume header, which lies in the first blocks.
+ByteRange headerBlock(Embedded const& place) {
+    return {place.start + kHeaderOffset, place.start + kHeaderOffset + kHeaderBytes};
 }
 
 /// The blocks that hold the volume header and its copy, which lies 1024 bytes before the end. What lies outside the
@@ -170,9 +175,11 @@ Answerer open(Volume& volume) {
     if (geometry.notBelieved) {
         return allUsed(std::move(geometry));
     }
-    return {std::move(geometry), std::move(reader), std::move(parser),
-            [place, header] { return alwaysKept(place, header); },
-            [&volume, place, header] { return uncleanReason(header, readerOf(volume, place)); }};
+    Answerer answerer{std::move(geometry), std::move(reader), std::move(parser)};
+    answerer.alwaysKept = [place, header] { return alwaysKept(place, header); };
+    answerer.mustBeUsed = [place] { return std::vector{headerBlock(place)}; };
+    answerer.uncleanReason = [&volume, place, header] { return uncleanReason(header, readerOf(volume, place)); };
+    return answerer;
 }
 
 } // namespace imaging::hfs

@@ -18,6 +18,7 @@ constexpr std::uint64_t kDescriptorBytes = 14;
 constexpr std::size_t kKind = 8;
 constexpr std::size_t kRecords = 10;
 constexpr std::uint8_t kIndexNode = 0;
+constexpr std::uint8_t kLeafNode = 0xFF;
 
 /// The header record, after the first node's descriptor: where root and node size stand.
 constexpr std::uint64_t kHeaderRecordBytes = 106;
@@ -75,13 +76,17 @@ private:
     std::vector<std::uint8_t> record_;
 };
 
+bool isLeaf(Bytes node) {
+    return node.size() >= kDescriptorBytes && node[kKind] == kLeafNode;
+}
+
 bool isIndex(Bytes node) {
     return node.size() >= kDescriptorBytes && node[kKind] == kIndexNode;
 }
 
 } // namespace
 
-std::optional<std::string> findLooseSlot(Header const& header, ReadBytes const& read) {
+std::optional<std::string> findOddTree(Header const& header, ReadBytes const& read) {
     Nodes const nodes(header, read);
     if (!nodes.areReadable()) {
         return std::nullopt;
@@ -91,6 +96,9 @@ std::optional<std::string> findLooseSlot(Header const& header, ReadBytes const& 
         std::vector<std::uint32_t> next;
         for (std::uint32_t const number : level) {
             std::vector<std::uint8_t> const node = nodes.node(number);
+            if (depth == 0 && isLeaf(node)) {
+                return "the extents-overflow tree is a single leaf, which the parser does not read";
+            }
             if (!isIndex(node)) {
                 return std::nullopt; // the leaves: nothing follows them
             }

@@ -12,9 +12,10 @@
 
 namespace imaging::hfs {
 
-/// The parser follows one slot more than an index node below the root has records. The first such slot that leads
-/// somewhere, as one clause: what it finds there may be extents that are no longer the allocation file's. Nothing when
-/// the tree is sound, and nothing where it cannot be read: then the parser has something to say about it.
-std::optional<std::string> findLooseSlot(Header const& header, ReadBytes const& read);
+/// What of a tree the parser does not read rightly, as one clause: a root that is a leaf, which it refuses; and, since
+/// it follows one slot more than an index node below the root has records, the first such slot that leads somewhere,
+/// perhaps to extents that are no longer the allocation file's. Nothing when the tree is sound, and nothing where it
+/// cannot be read: then the parser has something to say about it.
+std::optional<std::string> findOddTree(Header const& header, ReadBytes const& read);
 
 } // namespace imaging::hfs

@@ -199,8 +199,9 @@ Answerer open(Volume& volume) {
         return allUsed(std::move(geometry));
     }
     Probe const* const probe = parser.get();
-    return {std::move(geometry), nullptr, std::move(parser), nullptr,
-            [probe, boot, path = volume.path()] { return uncleanReason(*probe, boot, path); }};
+    Answerer answerer{std::move(geometry), nullptr, std::move(parser)};
+    answerer.uncleanReason = [probe, boot, path = volume.path()] { return uncleanReason(*probe, boot, path); };
+    return answerer;
 }
 
 } // namespace imaging::ntfs

@@ -223,8 +223,11 @@ Answerer open(Volume& volume) {
         return allUsed(std::move(geometry));
     }
     Journal const journal = *geometry.journal;
-    return {std::move(geometry), nullptr, std::move(parser), [journal, facts] { return alwaysKept(journal, facts); },
-            [&volume, journal, facts] { return uncleanReason(volume, journal, facts); }};
+    Answerer answerer{std::move(geometry), nullptr, std::move(parser)};
+    answerer.alwaysKept = [journal, facts] { return alwaysKept(journal, facts); };
+    answerer.mustBeUsed = answerer.alwaysKept;
+    answerer.uncleanReason = [&volume, journal, facts] { return uncleanReason(volume, journal, facts); };
+    return answerer;
 }
 
 } // namespace imaging::xfs

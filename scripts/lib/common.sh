@@ -6,7 +6,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/../.."
 # The file systems' own tools stand in directories that an ordinary user's PATH lacks on Debian.
 export PATH="$PATH:/usr/sbin:/sbin"
 
-build_packages=(g++ cmake ninja-build libcli11-dev libfmt-dev nlohmann-json3-dev)
+build_packages=(g++ cmake ninja-build libcli11-dev libfmt-dev nlohmann-json3-dev libssl-dev)
 sample_packages=(e2fsprogs ntfs-3g dosfstools mtools xfsprogs xorriso)
 test_packages=(python3-samba libgtest-dev libgmock-dev clang-14 libclang-rt-14-dev binutils e2fsprogs ntfs-3g dosfstools
     mtools xfsprogs xorriso hfsplus libfshfs-utils sleuthkit partclone mount util-linux)

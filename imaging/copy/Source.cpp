@@ -1,0 +1,81 @@
+// Reading image files and block devices.
+#include "imaging/copy/Source.h"
+
+#include "agent/PosixError.h"
+#include "imaging/Device.h"
+#include "imaging/Error.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <system_error>
+
+namespace imaging {
+
+namespace {
+
+/// What the page cache takes; large enough that reads of odd stretches begin with a page.
+constexpr std::uint64_t kFileAlignment = 4096;
+
+Descriptor openVolume(std::string const& path, bool direct) {
+    return Descriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC | (direct ? O_DIRECT : 0)));
+}
+
+} // namespace
+
+FileSource::FileSource(std::string const& path, std::uint64_t size) : size_(size) {
+    struct stat facts {};
+    bool const isDevice = ::stat(path.c_str(), &facts) == 0 && S_ISBLK(facts.st_mode);
+    file_ = openVolume(path, isDevice);
+    if (!file_.isOpen() && isDevice && errno == EINVAL) {
+        file_ = openVolume(path, false);
+    }
+    if (!file_.isOpen()) {
+        throw VolumeError(Trouble::Io, path + ": cannot be opened: " + agent::PosixError::strerror(errno));
+    }
+    alignment_ = isDevice ? directIoAlignment(file_.get()) : kFileAlignment;
+    mayHaveHoles_ = !isDevice;
+    ::posix_fadvise(file_.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+}
+
+std::size_t FileSource::read(std::uint64_t offset, std::span<std::uint8_t> buffer) const {
+    std::size_t done = 0;
+    while (done < buffer.size()) {
+        ssize_t const count =
+            ::pread(file_.get(), buffer.data() + done, buffer.size() - done, static_cast<off_t>(offset + done));
+        if (count == -1 && errno == EINTR) {
+            continue;
+        }
+        if (count == -1) {
+            throw std::system_error(errno, std::generic_category());
+        }
+        if (count == 0) {
+            break;
+        }
+        done += static_cast<std::size_t>(count);
+    }
+    return done;
+}
+
+Source::Stretch FileSource::stretchAt(std::uint64_t offset) const {
+    if (!mayHaveHoles_) {
+        return {size_, false};
+    }
+    off_t const data = ::lseek(file_.get(), static_cast<off_t>(offset), SEEK_DATA);
+    if (data == -1 && errno == ENXIO) {
+        // No data up to the end of the file; past it, a volume that became shorter is no hole.
+        off_t const end = ::lseek(file_.get(), 0, SEEK_END);
+        return {size_, end >= static_cast<off_t>(size_)};
+    }
+    if (data == -1) {
+        return {size_, false}; // the file system cannot tell
+    }
+    if (static_cast<std::uint64_t>(data) > offset) {
+        return {static_cast<std::uint64_t>(data), true};
+    }
+    off_t const hole = ::lseek(file_.get(), data, SEEK_HOLE);
+    return {hole == -1 ? size_ : static_cast<std::uint64_t>(hole), false};
+}
+
+} // namespace imaging
