@@ -111,7 +111,7 @@ std::string CopyPlan::uncleanWarning() const {
         return {};
     }
     return volume_.path() + ": was not unmounted cleanly (" + *reason +
-           "); the copy is like the volume after a power failure: mount it or check it before you rely on it";
+           "): what its journal alone says is in use may be missing from the copy; unmount it and copy again";
 }
 
 } // namespace imaging
