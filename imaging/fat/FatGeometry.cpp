@@ -204,6 +204,11 @@ Answerer open(Volume& volume) {
         return allUsed(std::move(geometry));
     }
     Answerer answerer{std::move(geometry), nullptr, makeParser<agent::core::fs::FATParser>(volume)};
+    // The sectors behind the last cluster, which no entry of the table stands for.
+    answerer.alwaysKept = [facts] {
+        std::uint64_t const end = facts.dataStart() + facts.clusters() * facts.clusterBytes();
+        return std::vector{ByteRange{end, facts.totalSectors * facts.bytesPerSector}};
+    };
     answerer.uncleanReason = [&volume, facts] { return uncleanReason(volume, facts); };
     return answerer;
 }
