@@ -19,6 +19,12 @@
 
 namespace imaging {
 
+/// How many free units a stretch has by the volume's own count.
+struct FreeCount {
+    std::uint64_t units; ///< the stretch begins where the one before it ends, the first at unit 0
+    std::uint64_t free;
+};
+
 /// What each file system's folder makes of a volume.
 struct Answerer {
     Geometry geometry;
@@ -35,6 +41,9 @@ struct Answerer {
     /// Names what no sound map calls free; empty for nothing. Ranges may overlap.
     /// @throws VolumeError  the volume cannot be read for it
     std::function<std::vector<ByteRange>()> mustBeUsed = nullptr;
+
+    /// What the map is held against, stretch by stretch; empty for nothing.
+    std::vector<FreeCount> freeCounts = {};
 
     /// Names what the volume says of itself when it was not cleanly unmounted, as one clause; empty for nothing.
     /// @throws VolumeError  the volume cannot be read for it

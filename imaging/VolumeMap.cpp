@@ -106,6 +106,48 @@ private:
     std::optional<std::uint64_t> firstFault_;
 };
 
+/// Counts the free units of each stretch and compares them with the volume's own count.
+class Audit {
+public:
+    explicit Audit(std::vector<FreeCount> const& counts) : counts_(counts) {}
+
+    void add(Run const& run) {
+        for (std::uint64_t left = run.count; left != 0 && stretch_ < counts_.size();) {
+            std::uint64_t const piece = std::min(left, counts_[stretch_].units - done_);
+            free_ += run.used ? 0 : piece;
+            done_ += piece;
+            left -= piece;
+            if (done_ == counts_[stretch_].units) {
+                finishStretch();
+            }
+        }
+    }
+
+    /// The first stretch that differs.
+    struct Fault {
+        std::size_t stretch;
+        std::uint64_t inMap;
+        std::uint64_t byVolume;
+    };
+    std::optional<Fault> const& fault() const { return fault_; }
+
+private:
+    void finishStretch() {
+        if (free_ != counts_[stretch_].free && !fault_) {
+            fault_ = Fault{stretch_, free_, counts_[stretch_].free};
+        }
+        ++stretch_;
+        done_ = 0;
+        free_ = 0;
+    }
+
+    std::vector<FreeCount> const& counts_;
+    std::size_t stretch_ = 0;
+    std::uint64_t done_ = 0; ///< units of the stretch
+    std::uint64_t free_ = 0;
+    std::optional<Fault> fault_;
+};
+
 } // namespace
 
 VolumeMap::VolumeMap(Volume& volume, Refused refused, std::uint64_t unit)
@@ -131,7 +173,11 @@ MapTotals VolumeMap::walk(RunSink const& sink, Progress const& progress) {
     MapTotals totals;
     RunBuilder corrected(sink);
     Corrector corrector(geometry(), mustBeUsed(), corrected);
-    RunBuilder runs([&corrector](Run const& run) { corrector.add(run); });
+    Audit audit(answerer_.freeCounts);
+    RunBuilder runs([&corrector, &audit](Run const& run) {
+        corrector.add(run);
+        audit.add(run);
+    });
     if (geometry().notBelieved) {
         totals.warnings.push_back(volume_.path() + ": " + *geometry().notBelieved + "; every unit counts as used");
     }
@@ -146,6 +192,13 @@ MapTotals VolumeMap::walk(RunSink const& sink, Progress const& progress) {
         totals.warnings.push_back(volume_.path() + ": the map calls unit " + std::to_string(*corrector.firstFault()) +
                                   " free, which holds the file system's own headers or its journal; those count as "
                                   "used, and the rest of the map is not to be trusted");
+    }
+    if (audit.fault()) {
+        totals.isDoubtful = true;
+        totals.warnings.push_back(volume_.path() + ": the map has " + std::to_string(audit.fault()->inMap) +
+                                  " free units in group " + std::to_string(audit.fault()->stretch) +
+                                  ", and the group's own header counts " + std::to_string(audit.fault()->byVolume) +
+                                  ": the map is not to be trusted");
     }
     return totals;
 }

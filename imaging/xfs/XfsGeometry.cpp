@@ -4,6 +4,7 @@
 #include "agent/core/fs/XFSParser.h"
 #include "imaging/Detection.h"
 #include "imaging/LoadInteger.h"
+#include "imaging/xfs/XfsGroups.h"
 #include "imaging/xfs/XfsLog.h"
 
 #include <algorithm>
@@ -222,10 +223,20 @@ Answerer open(Volume& volume) {
     if (geometry.notBelieved) {
         return allUsed(std::move(geometry));
     }
+    GroupHeaders headers;
+    if (facts.groups <= kMostGroups) {
+        headers = readGroupHeaders(volume, {facts.groups, facts.groupBlocks, facts.blocks, facts.blockSize,
+                                            facts.sectorSize, facts.versionNumber() == 5});
+    }
+    if (headers.notBelieved) {
+        geometry.notBelieved = headers.notBelieved;
+        return allUsed(std::move(geometry));
+    }
     Journal const journal = *geometry.journal;
     Answerer answerer{std::move(geometry), nullptr, std::move(parser)};
     answerer.alwaysKept = [journal, facts] { return alwaysKept(journal, facts); };
     answerer.mustBeUsed = answerer.alwaysKept;
+    answerer.freeCounts = std::move(headers.freeCounts);
     answerer.uncleanReason = [&volume, journal, facts] { return uncleanReason(volume, journal, facts); };
     return answerer;
 }

@@ -1,0 +1,77 @@
+// Holding free lists against their counts.
+#include "imaging/xfs/XfsGroups.h"
+
+#include "imaging/LoadInteger.h"
+
+#include <algorithm>
+
+namespace imaging::xfs {
+
+namespace {
+
+constexpr std::uint64_t kHeaderMagic = 0x58414746; // "XAGF"
+constexpr std::uint64_t kHeaderBytes = 64;
+
+/// Fields of the header, in the group's second sector.
+constexpr std::size_t kNumber = 8;
+constexpr std::size_t kLength = 12;
+constexpr std::size_t kListFirst = 40;
+constexpr std::size_t kListLast = 44;
+constexpr std::size_t kListCount = 48;
+constexpr std::size_t kFreeBlocks = 52;
+
+/// Entries of a free list that the parser reads.
+constexpr std::uint64_t kEntriesRead = 128;
+constexpr std::uint64_t kEntriesReadWithChecksums = 119;
+
+std::optional<std::string> findOdd(std::span<std::uint8_t const> header, std::uint64_t group, std::uint64_t length) {
+    std::string const name = "the free-space header of group " + std::to_string(group);
+    if (std::uint64_t const number = loadBig(header, kNumber, 4); number != group) {
+        return name + " says that it is that of group " + std::to_string(number);
+    }
+    if (std::uint64_t const blocks = loadBig(header, kLength, 4); blocks != length) {
+        return name + " says that the group has " + std::to_string(blocks) + " blocks, and it has " +
+               std::to_string(length);
+    }
+    std::uint64_t const first = loadBig(header, kListFirst, 4);
+    std::uint64_t const last = loadBig(header, kListLast, 4);
+    std::uint64_t const count = loadBig(header, kListCount, 4);
+    // A list that wraps around its end is not marked, so nothing can go wrong there.
+    if (first <= last && count != last - first + 1) {
+        return name + " counts " + std::to_string(count) + " blocks in its free list from entry " +
+               std::to_string(first) + " to entry " + std::to_string(last) +
+               ": the parser would take old entries for free blocks";
+    }
+    return std::nullopt;
+}
+
+/// Entries that the parser marks.
+std::uint64_t markedEntries(std::span<std::uint8_t const> header, bool hasChecksums) {
+    std::uint64_t const first = loadBig(header, kListFirst, 4);
+    std::uint64_t const entries = hasChecksums ? kEntriesReadWithChecksums : kEntriesRead;
+    std::uint64_t const end = std::min(loadBig(header, kListLast, 4) + 1, entries);
+    return first < end ? end - first : 0;
+}
+
+} // namespace
+
+GroupHeaders readGroupHeaders(Volume& volume, GroupLayout const& layout) {
+    GroupHeaders result;
+    for (std::uint64_t group = 0; group < layout.groups; ++group) {
+        std::uint64_t const start = group * layout.groupBlocks;
+        std::uint64_t const length = std::min(layout.groupBlocks, layout.blocks - start);
+        std::vector<std::uint8_t> const header =
+            volume.readBytes(start * layout.blockSize + layout.sectorSize, kHeaderBytes);
+        if (loadBig(header, 0, 4) != kHeaderMagic) {
+            return {}; // the parser says so
+        }
+        if ((result.notBelieved = findOdd(header, group, length))) {
+            return result;
+        }
+        result.freeCounts.push_back(
+            {length, loadBig(header, kFreeBlocks, 4) + markedEntries(header, layout.hasChecksums)});
+    }
+    return result;
+}
+
+} // namespace imaging::xfs

@@ -1,0 +1,37 @@
+// The free-space headers of an XFS volume's groups.
+#pragma once
+
+#include "imaging/Answerer.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace imaging::xfs {
+
+/// How the groups lie.
+struct GroupLayout {
+    std::uint64_t groups;
+    std::uint64_t groupBlocks;
+    std::uint64_t blocks; ///< of the volume; the last group may be short
+    std::uint64_t blockSize;
+    std::uint64_t sectorSize;
+    bool hasChecksums; ///< version 5
+};
+
+struct GroupHeaders {
+    /// Free blocks of each group as the parser must find them: those of its tree, and those of its free list that the
+    /// parser marks.
+    std::vector<FreeCount> freeCounts;
+
+    /// The first header under which the parser would mark blocks that are in use, as one clause. The parser does not
+    /// look at a free list's count: of a list that is empty or shorter than its two ends say, old entries would count.
+    std::optional<std::string> notBelieved;
+};
+
+/// Reads every group's header. One that is none is left to the parser.
+/// @throws VolumeError  a header cannot be read
+GroupHeaders readGroupHeaders(Volume& volume, GroupLayout const& layout);
+
+} // namespace imaging::xfs
