@@ -178,6 +178,11 @@ XfsTreeBlocks XfsBuilder::plantTree(std::uint32_t group, std::vector<XfsRun> con
     }
     setHeader32(group, xfs_header::kRoot, blocks.back().front());
     setHeader32(group, xfs_header::kLevels, static_cast<std::uint32_t>(blocks.size()));
+    std::uint32_t free = 0;
+    for (XfsRun const& run : runs) {
+        free += run.count;
+    }
+    setHeader32(group, xfs_header::kFreeBlocks, free);
     trees_[group] = runs;
     return blocks;
 }

@@ -34,6 +34,7 @@ inline constexpr std::uint64_t kLevels = 0x1C;
 inline constexpr std::uint64_t kListFirst = 0x28;
 inline constexpr std::uint64_t kListLast = 0x2C;
 inline constexpr std::uint64_t kListCount = 0x30;
+inline constexpr std::uint64_t kFreeBlocks = 0x34;
 } // namespace xfs_header
 
 /// A tree's node, from its block's start.
