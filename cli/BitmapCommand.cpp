@@ -1,6 +1,7 @@
 // fsparser bitmap: the raw bitmap, least significant bit first.
 #include "cli/Commands.h"
 #include "cli/Interrupt.h"
+#include "cli/OpenVolume.h"
 #include "cli/Summary.h"
 #include "imaging/BitmapWriter.h"
 #include "imaging/Error.h"
@@ -58,7 +59,7 @@ void printSummary(Options const& options, imaging::Volume const& volume, imaging
 } // namespace
 
 ExitCode runBitmap(Options const& options, Console& console) {
-    imaging::Volume volume(options.volume, options.alignment, console);
+    imaging::Volume volume = openVolume(options, console);
     using Refused = imaging::VolumeMap::Refused;
     imaging::VolumeMap map(volume, options.allUsedIfRefused ? Refused::CountsAsUsed : Refused::IsError, options.unit);
     noteIfUnrecognized(console, volume);

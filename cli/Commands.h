@@ -16,14 +16,19 @@ namespace cli {
 /// The arguments of every verb; each verb looks at its own.
 struct Options {
     std::string volume;                    ///< path of an image file or a block device
+    std::uint64_t partition = 0;           ///< number of a partition of it; 0: none
+    std::uint64_t offset = 0;              ///< bytes: where the volume begins on it
     std::uint64_t alignment = 0;           ///< bytes; 0: what the device asks for
     std::uint64_t unit = 0;                ///< bytes: the unit of a volume in which nothing is understood; 0: 4096
     bool json = false;                     ///< one JSON document instead of text
-    std::string output = "-";              ///< bitmap: a path, or "-" for standard output
+    std::string output = "-";              ///< bitmap, ranges: a path, or "-" for standard output
+    std::string format;                    ///< ranges: name of a format; empty: text, or JSON if that is asked for
     bool allUsedIfRefused = false;         ///< bitmap: a volume that its parser refuses counts as used
     ColorChoice color = ColorChoice::Auto; ///< map
     std::size_t columns = 0;               ///< map: width of the picture; 0: the window's
     std::size_t lines = 0;                 ///< map: height of the picture; 0: the window's
+    std::string png;                       ///< map: a path for an image, or "-" for standard output; empty: none
+    std::string svg;                       ///< map: as png
     std::vector<std::string> paths;        ///< stat, extents, acl: paths on the volume
     std::string pathList;                  ///< stat, extents, acl: a file of paths, or "-" for standard input
     std::optional<unsigned long> cache;    ///< stat, extents, acl: directories that the path cache keeps

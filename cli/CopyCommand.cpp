@@ -1,12 +1,14 @@
 // fsparser copy: the used units and what must always be kept.
 #include "cli/Commands.h"
 #include "cli/Interrupt.h"
+#include "cli/OpenVolume.h"
 #include "cli/Summary.h"
 #include "imaging/Error.h"
 #include "imaging/OutputFile.h"
 #include "imaging/copy/CopyVolume.h"
 #include "imaging/copy/RescueMap.h"
 
+#include <filesystem>
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -33,9 +35,24 @@ std::string rescueMapPath(Options const& options) {
     return options.rescueMap.empty() ? options.destination + ".map" : options.rescueMap;
 }
 
-void writeRescueMap(Options const& options, CopyReport const& report, std::uint64_t size) {
+/// The list of what could not be read; it is begun before the copy, so that a name that cannot be is told at once.
+std::unique_ptr<imaging::OutputFile> beginRescueMap(Options const& options) {
+    if (!options.skipUnreadable) {
+        return nullptr;
+    }
+    namespace fs = std::filesystem;
+    std::string const path = rescueMapPath(options);
+    std::error_code ignored;
+    if (fs::weakly_canonical(path, ignored) == fs::weakly_canonical(options.destination, ignored)) {
+        throw imaging::VolumeError(imaging::Trouble::Io, path + ": is the copy itself, and cannot be the list");
+    }
+    using Existing = imaging::OutputFile::Existing;
+    return std::make_unique<imaging::OutputFile>(path, options.volume,
+                                                 options.force ? Existing::IsReplaced : Existing::IsRefused);
+}
+
+void writeRescueMap(imaging::OutputFile& file, CopyReport const& report, std::uint64_t size) {
     std::string const text = imaging::rescueMap(report.result.unreadable, size);
-    imaging::OutputFile file(rescueMapPath(options), options.volume);
     file.write({reinterpret_cast<std::uint8_t const*>(text.data()), text.size()});
     file.commit();
 }
@@ -71,7 +88,7 @@ void printJson(Options const& options, imaging::Volume const& volume, imaging::G
 }
 
 CopyReport copy(Options const& options, imaging::Volume const& volume, imaging::CopyPlan& plan) {
-    imaging::FileSource const source(volume.path(), volume.size());
+    imaging::FileSource const source(volume.filePath(), volume.size(), volume.start());
     std::unique_ptr<imaging::Destination> const destination = openDestination(options, volume.size());
     Progress progress(options.progress);
     imaging::CopyWatch watch;
@@ -90,13 +107,16 @@ CopyReport copy(Options const& options, imaging::Volume const& volume, imaging::
 } // namespace
 
 ExitCode runCopy(Options const& options, Console& console) {
-    imaging::Volume volume(options.volume, options.alignment, console);
+    imaging::Volume volume = openVolume(options, console);
     using Refused = imaging::VolumeMap::Refused;
     imaging::CopyPlan plan(volume, options.allUsedIfRefused ? Refused::CountsAsUsed : Refused::IsError, options.unit);
     noteIfUnrecognized(console, volume);
+    std::unique_ptr<imaging::OutputFile> const rescueMap = beginRescueMap(options);
     CopyReport report = copy(options, volume, plan);
+    if (rescueMap) {
+        writeRescueMap(*rescueMap, report, volume.size());
+    }
     if (!report.result.unreadable.empty()) {
-        writeRescueMap(options, report, volume.size());
         report.warnings.back() += "; " + rescueMapPath(options) + " lists them";
     }
     if (options.json) {

@@ -1,6 +1,7 @@
 // fsparser digest: one number for the map and the used content.
 #include "cli/Commands.h"
 #include "cli/Interrupt.h"
+#include "cli/OpenVolume.h"
 #include "cli/Summary.h"
 #include "imaging/copy/Digest.h"
 
@@ -9,10 +10,10 @@
 namespace cli {
 
 ExitCode runDigest(Options const& options, Console& console) {
-    imaging::Volume volume(options.volume, options.alignment, console);
+    imaging::Volume volume = openVolume(options, console);
     imaging::VolumeMap map(volume, imaging::VolumeMap::Refused::IsError, options.unit);
     noteIfUnrecognized(console, volume);
-    imaging::FileSource const source(volume.path(), volume.size());
+    imaging::FileSource const source(volume.filePath(), volume.size(), volume.start());
     imaging::Digest const digest = digestVolume(map, source, volume.path(), checkInterrupt);
     if (options.json) {
         Json document = beginDocument("digest", volume);

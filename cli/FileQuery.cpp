@@ -3,6 +3,7 @@
 
 #include "agent/PosixError.h"
 #include "cli/Interrupt.h"
+#include "cli/OpenVolume.h"
 #include "imaging/Error.h"
 
 #include <cerrno>
@@ -64,7 +65,7 @@ std::variant<Json, Refusal> ask(FileAnswer const& answer, imaging::ntfs::Files& 
 
 ExitCode queryFiles(Options const& options, Console& console, std::string const& verb, FileAnswer const& answer,
                     FilePrinter const& print) {
-    imaging::Volume volume(options.volume, options.alignment, console);
+    imaging::Volume volume = openVolume(options, console);
     imaging::ntfs::Files files(volume, options.cache);
     Json document = beginDocument(verb, volume);
     document["unit_size"] = files.clusterSize();

@@ -1,6 +1,7 @@
 // fsparser info: a volume's summary.
 #include "cli/Commands.h"
 #include "cli/Interrupt.h"
+#include "cli/OpenVolume.h"
 #include "cli/Summary.h"
 #include "imaging/Detection.h"
 
@@ -23,6 +24,10 @@ void printText(imaging::Volume const& volume, imaging::VolumeMap const& map, ima
     auto const inBytes = [&](std::uint64_t units) { return humanSize(units * geometry.unitSize); };
     fmt::print("volume          {}\n", volume.path());
     fmt::print("file system     {}\n", imaging::fileSystemName(volume.fileSystem()));
+    if (volume.start() != 0) {
+        fmt::print("begins at       byte {} of {} ({} sectors of 512 bytes)\n", volume.start(), volume.filePath(),
+                   volume.start() / 512);
+    }
     fmt::print("size            {} bytes ({})\n", volume.size(), humanSize(volume.size()));
     fmt::print("unit size       {} bytes\n", geometry.unitSize);
     fmt::print("units           {} ({})\n", geometry.units, inBytes(geometry.units));
@@ -48,7 +53,7 @@ void addJournal(Json& document, std::optional<imaging::Journal> const& journal) 
 } // namespace
 
 ExitCode runInfo(Options const& options, Console& console) {
-    imaging::Volume volume(options.volume, options.alignment, console);
+    imaging::Volume volume = openVolume(options, console);
     imaging::VolumeMap map(volume, imaging::VolumeMap::Refused::IsError, options.unit);
     noteIfUnrecognized(console, volume);
     imaging::MapTotals const totals = map.walk([](imaging::Run const&) {}, checkInterrupt);

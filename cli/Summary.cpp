@@ -2,7 +2,10 @@
 #include "cli/Summary.h"
 
 #include "imaging/Detection.h"
+#include "imaging/disk/PartitionTable.h"
+#include "imaging/disk/Signature.h"
 
+#include <algorithm>
 #include <array>
 #include <fmt/format.h>
 
@@ -20,11 +23,36 @@ void addGeometry(Json& document, imaging::Volume const& volume, imaging::Geometr
     document["units"] = geometry.units;
     document["size"] = volume.size();
     document["first_unit_offset"] = geometry.start;
+    if (volume.start() != 0) {
+        document["disk_offset"] = volume.start();
+    }
+}
+
+std::string contentName(imaging::Volume const& volume) {
+    if (volume.fileSystem() != agent::core::fs::kUnrecognized) {
+        return imaging::fileSystemName(volume.fileSystem());
+    }
+    std::string const name = imaging::identifySignature(volume.filePath(), volume.start(), volume.size());
+    // Of a file system that is read otherwise, what was found wrong with it is the better answer.
+    constexpr std::array readOtherwise{"ntfs", "ext2", "ext3", "ext4", "hfsplus", "xfs"};
+    bool const isReadOtherwise = std::find(readOtherwise.begin(), readOtherwise.end(), name) != readOtherwise.end();
+    return isReadOtherwise ? std::string() : name;
+}
+
+std::string unrecognizedReason(imaging::Volume const& volume) {
+    std::string const content = contentName(volume);
+    if (!content.empty()) {
+        return volume.path() + ": holds " + content + ", which is not read";
+    }
+    if (volume.start() == 0 && imaging::readPartitionTable(volume.filePath())) {
+        return volume.path() + ": is a whole disk; fsparser detect lists its partitions, --partition N takes one";
+    }
+    return imaging::unrecognizedSentence(volume.path(), volume.refusal());
 }
 
 void noteIfUnrecognized(Console const& console, imaging::Volume const& volume) {
     if (volume.fileSystem() == agent::core::fs::kUnrecognized) {
-        console.note(imaging::unrecognizedSentence(volume.path(), volume.refusal()) + "; every unit counts as used");
+        console.note(unrecognizedReason(volume) + "; every unit counts as used");
     }
 }
 

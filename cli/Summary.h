@@ -19,6 +19,13 @@ Json beginDocument(std::string const& verb, imaging::Volume const& volume);
 /// Adds the geometry: "unit_size", "size" and "first_unit_offset" (where unit 0 begins) in bytes, "units".
 void addGeometry(Json& document, imaging::Volume const& volume, imaging::Geometry const& geometry);
 
+/// One word for what a volume holds: the file system's name, or what the system's own library calls a content that is
+/// not read ("BitLocker", "crypto_LUKS", ...); empty for nothing known.
+std::string contentName(imaging::Volume const& volume);
+
+/// One sentence on a volume that is not understood.
+std::string unrecognizedReason(imaging::Volume const& volume);
+
 /// Says of a volume in which nothing is understood that every unit counts as used.
 void noteIfUnrecognized(Console const& console, imaging::Volume const& volume);
 

@@ -1,6 +1,7 @@
 // fsparser verify: whether a copy holds what the volume has in use.
 #include "cli/Commands.h"
 #include "cli/Interrupt.h"
+#include "cli/OpenVolume.h"
 #include "cli/Summary.h"
 #include "imaging/copy/Compare.h"
 
@@ -46,12 +47,12 @@ void printJson(imaging::Volume const& volume, imaging::Geometry const& geometry,
 } // namespace
 
 ExitCode runVerify(Options const& options, Console& console) {
-    imaging::Volume volume(options.volume, options.alignment, console);
+    imaging::Volume volume = openVolume(options, console);
     imaging::Volume const image(options.destination, options.alignment, console);
     using Refused = imaging::VolumeMap::Refused;
     imaging::CopyPlan plan(volume, options.allUsedIfRefused ? Refused::CountsAsUsed : Refused::IsError, options.unit);
     noteIfUnrecognized(console, volume);
-    imaging::FileSource const expected(volume.path(), volume.size());
+    imaging::FileSource const expected(volume.filePath(), volume.size(), volume.start());
     imaging::FileSource const found(image.path(), image.size());
     imaging::Comparison const comparison = compareVolumes(plan, {expected, volume.path(), volume.size()},
                                                           {found, image.path(), image.size()}, checkInterrupt);
@@ -63,8 +64,12 @@ ExitCode runVerify(Options const& options, Console& console) {
     }
     console.warnings(comparison.warnings);
     if (comparison.difference) {
+        std::string const onDisk = volume.start() == 0
+                                       ? ""
+                                       : fmt::format("; that is byte {} of {}",
+                                                     volume.start() + comparison.difference->offset, volume.filePath());
         console.error(image.path() + ": differs from " + volume.path() + " at " +
-                      differenceText(*comparison.difference));
+                      differenceText(*comparison.difference) + onDisk);
         return kDifferent;
     }
     return comparison.warnings.empty() ? kOk : kInconsistent;

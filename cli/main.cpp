@@ -2,12 +2,14 @@
 #include "cli/Commands.h"
 #include "cli/Interrupt.h"
 #include "imaging/Error.h"
+#include "imaging/formats/RangeFormat.h"
 
 #include <CLI/CLI.hpp>
 #include <bit>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fmt/format.h>
 #include <functional>
 #include <iostream>
@@ -54,6 +56,9 @@ constexpr std::uint64_t kLargestAlignment = std::uint64_t{1} << 30;
 constexpr std::uint64_t kSectorBytes = 512;
 constexpr std::uint64_t kLargestUnit = std::uint64_t{1} << 30;
 
+constexpr std::uint64_t kLargestOffset = std::uint64_t{1} << 62;
+constexpr int kMostPartitions = 65535;
+
 /// The longest side of a picture: enough for any terminal, and memory stays small.
 constexpr int kMostCells = 500;
 
@@ -81,6 +86,26 @@ std::string checkAlignment(std::string const& text) {
     return {};
 }
 
+/// "1048576" or "2048s".
+std::optional<std::uint64_t> parseOffset(std::string text) {
+    std::uint64_t const factor = !text.empty() && text.back() == 's' ? kSectorBytes : 1;
+    if (factor != 1) {
+        text.pop_back();
+    }
+    std::uint64_t number = 0;
+    bool const isNumber = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos &&
+                          CLI::detail::lexical_cast(text, number);
+    if (!isNumber || number > kLargestOffset / factor) {
+        return std::nullopt;
+    }
+    return number * factor;
+}
+
+std::string checkOffset(std::string const& text) {
+    return parseOffset(text) ? std::string()
+                             : "an offset is a number of bytes, or of sectors with an s behind, not " + text;
+}
+
 std::string checkUnit(std::string const& text) {
     std::uint64_t unit = 0;
     bool const isNumber = CLI::detail::lexical_cast(text, unit);
@@ -88,6 +113,13 @@ std::string checkUnit(std::string const& text) {
         return "a unit is a multiple of 512 up to 1073741824, not " + text;
     }
     return {};
+}
+
+std::string checkFormat(std::string const& name) {
+    bool const isOfUnits = name == "text" || name == "json" || name == "csv";
+    return isOfUnits || imaging::makeRangeFormat(name)
+               ? std::string()
+               : "it is text, json, csv, bmap, ddrescue, extentlist or fallocate, not " + name;
 }
 
 ColorChoice colorChoice(std::string const& when) {
@@ -107,6 +139,17 @@ CLI::App* addVerb(CLI::App& app, Request& request, char const* name, char const*
     command->add_option("--align", options.alignment, "read in multiples of BYTES (default: what the device asks for)")
         ->type_name("BYTES")
         ->check(CLI::Validator(checkAlignment, ""));
+    CLI::Option* const partition =
+        command->add_option("--partition", options.partition, "the volume is partition N of a whole disk")
+            ->type_name("N")
+            ->check(CLI::Range(1, kMostPartitions).description(""));
+    command
+        ->add_option_function<std::string>(
+            "--offset", [&options](std::string const& text) { options.offset = *parseOffset(text); },
+            "the volume begins there: bytes, or sectors of 512 bytes with an s behind")
+        ->type_name("BYTES|Ns")
+        ->check(CLI::Validator(checkOffset, ""))
+        ->excludes(partition);
     auto* const quiet = command->add_flag("-q,--quiet", request.quiet, "print errors only");
     command->add_flag("-v,--verbose", request.verbose, "show the library's warnings; -vv: its debug log")
         ->excludes(quiet);
@@ -122,6 +165,12 @@ void addUnit(CLI::App* command, Request& request) {
         ->check(CLI::Validator(checkUnit, ""));
 }
 
+void addImage(CLI::App* map, std::string const& name, std::string& path) {
+    map->add_option(name, path, "draw an image instead: a file, or - for standard output")
+        ->type_name("FILE|-")
+        ->check(CLI::Validator([](std::string& file) { return file.empty() ? "names no file" : ""; }, ""));
+}
+
 void addMap(CLI::App& app, Request& request) {
     CLI::App* const map = addVerb(app, request, "map", "Draw used and free space", runMap);
     Options& options = request.options;
@@ -130,15 +179,18 @@ void addMap(CLI::App& app, Request& request) {
            "auto, always or never (default: auto; NO_COLOR is honoured)")
         ->type_name("WHEN")
         ->check(CLI::Validator(checkColor, ""));
-    map->add_option("--width", options.columns, "cells in a line (default: the window's)")
+    map->add_option("--width", options.columns, "cells in a line (default: what fits the window, or an image)")
         ->type_name("N")
         ->check(CLI::Range(1, kMostCells).description(""));
-    map->add_option("--height", options.lines, "lines of the picture (default: the window's)")
+    map->add_option("--height", options.lines, "lines of the picture (default: what fits the window, or an image)")
         ->type_name("N")
         ->check(CLI::Range(1, kMostCells).description(""));
     map->add_flag("--ascii", options.ascii, "draw with ASCII characters only");
+    addImage(map, "--png", options.png);
+    addImage(map, "--svg", options.svg);
     addUnit(map, request);
-    map->footer("Example:\n  fsparser map --width 64 --height 8 disk.img\n");
+    map->footer("A file appears under its name only when it is whole.\n\nExamples:\n"
+                "  fsparser map --width 64 --height 8 disk.img\n  fsparser map --png disk.png disk.img\n");
 }
 
 void addAllUsedIfRefused(CLI::App* command, Request& request) {
@@ -146,16 +198,37 @@ void addAllUsedIfRefused(CLI::App* command, Request& request) {
                       "a volume that is recognised but refused counts as used as a whole (exit code 4)");
 }
 
+void addOutput(CLI::App* command, Request& request) {
+    command->add_option("-o,--output", request.options.output, "where to: a file, or - for standard output (default)")
+        ->type_name("FILE|-")
+        ->check(CLI::Validator([](std::string& path) { return path.empty() ? "names no file" : ""; }, ""));
+}
+
 void addBitmap(CLI::App& app, Request& request) {
     CLI::App* const bitmap =
         addVerb(app, request, "bitmap", "Write the raw bitmap: one bit a unit, least significant bit first", runBitmap);
-    bitmap->add_option("-o,--output", request.options.output, "where to: a file, or - for standard output (default)")
-        ->type_name("FILE|-")
-        ->check(CLI::Validator([](std::string& path) { return path.empty() ? "names no file" : ""; }, ""));
+    addOutput(bitmap, request);
     addAllUsedIfRefused(bitmap, request);
     addUnit(bitmap, request);
     bitmap->footer("A file appears under its name only when it is whole.\n\nExamples:\n"
                    "  fsparser bitmap -o used.bin disk.img\n  fsparser bitmap disk.img | xxd | head\n");
+}
+
+void addRanges(CLI::App& app, Request& request) {
+    CLI::App* const ranges =
+        addVerb(app, request, "ranges", "List the used runs: first unit and count, one run a line", runRanges);
+    ranges
+        ->add_option("--format", request.options.format,
+                     "text (default), json or csv: the used runs; bmap, ddrescue, extentlist or fallocate: what a copy "
+                     "takes along, as bmaptool, ddrescue and nbdkit read it, or as a script that punches holes")
+        ->type_name("NAME")
+        ->check(CLI::Validator(checkFormat, ""));
+    addOutput(ranges, request);
+    addUnit(ranges, request);
+    ranges->footer("A file appears under its name only when it is whole.\n\nExamples:\n"
+                   "  fsparser ranges disk.img | awk '{ units += $2 } END { print units }'\n"
+                   "  fsparser ranges --format bmap -o disk.bmap disk.img\n"
+                   "  fsparser ranges --format fallocate disk.img | sh -s full-copy.img\n");
 }
 
 void addVerbs(CLI::App& app, Request& request) {
@@ -168,10 +241,7 @@ void addVerbs(CLI::App& app, Request& request) {
     info->footer("Example:\n  fsparser info --json disk.img\n");
     addMap(app, request);
     addBitmap(app, request);
-    CLI::App* const ranges =
-        addVerb(app, request, "ranges", "List the used runs: first unit and count, one run a line", runRanges);
-    addUnit(ranges, request);
-    ranges->footer("Example:\n  fsparser ranges disk.img | awk '{ units += $2 } END { print units }'\n");
+    addRanges(app, request);
 }
 
 ProgressChoice progressChoice(std::string const& when) {
@@ -268,13 +338,39 @@ void checkCopy(Options const& options) {
     }
 }
 
+bool isSameFile(std::string const& path, std::string const& other) {
+    std::error_code error; // a path that leads nowhere is told where it is used
+    return path == other ||
+           std::filesystem::weakly_canonical(path, error) == std::filesystem::weakly_canonical(other, error);
+}
+
+void checkMap(Options const& options) {
+    bool const toStandardOutput = options.png == "-" || options.svg == "-";
+    if (!options.png.empty() && !options.svg.empty() && isSameFile(options.png, options.svg)) {
+        throw CLI::ValidationError("--svg", "needs another FILE than --png");
+    }
+    if (toStandardOutput && options.json) {
+        throw CLI::ValidationError("--json", "needs a FILE other than -: the image itself goes to standard output");
+    }
+    if (options.png == "-" && isTerminal()) {
+        throw CLI::ValidationError("--png", "the image is binary and standard output is a terminal; name a FILE");
+    }
+}
+
 /// Contradictions that no single option can see.
 void checkTogether(Request const& request) {
     if (request.verb == runCopy) {
         checkCopy(request.options);
     }
+    if (request.verb == runMap) {
+        checkMap(request.options);
+    }
     if (isFileVerb(request.verb) && request.options.paths.empty() && request.options.pathList.empty()) {
         throw CLI::ValidationError("PATH", "name at least one path, or --from FILE");
+    }
+    if (request.verb == runRanges && request.options.json && !request.options.format.empty() &&
+        request.options.format != "json") {
+        throw CLI::ValidationError("--json", "is --format json, and not --format " + request.options.format);
     }
     if (request.verb != runBitmap || request.options.output != "-") {
         return;

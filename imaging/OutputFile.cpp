@@ -36,6 +36,9 @@ void requireReplaceable(std::string const& path, std::string const& source) {
     if (::stat(path.c_str(), &target) != 0) {
         return; // not there; creating it will tell if it cannot be
     }
+    if (S_ISBLK(target.st_mode)) {
+        throw VolumeError(Trouble::Io, path + ": is a block device; it is left alone (copy --to-device writes to one)");
+    }
     if (!S_ISREG(target.st_mode)) {
         throw VolumeError(Trouble::Io, path + ": exists and is not a regular file; it is left alone");
     }

@@ -7,18 +7,22 @@
 #include "imaging/Device.h"
 #include "imaging/Error.h"
 
+#include <algorithm>
+#include <utility>
+
 namespace imaging {
 
-Volume::Volume(std::string const& path, std::uint64_t alignment, agent::info::Logger& logger)
-    : path_(path), logger_(logger), alignment_(alignment) {
-    requireVolumePath(path_);
+Volume::Volume(std::string const& path, std::uint64_t alignment, agent::info::Logger& logger, Place place)
+    : filePath_(path), place_(std::move(place)), path_(path + (place_.name.empty() ? "" : " (" + place_.name + ")")),
+      logger_(logger), alignment_(alignment) {
+    requireVolumePath(filePath_);
     open();
     detect();
 }
 
 void Volume::open() {
     try {
-        device_.emplace(logger_, path_);
+        device_.emplace(logger_, filePath_);
     } catch (agent::PosixError const& error) {
         throw VolumeError(Trouble::Io, path_ + ": cannot be opened: " + agent::PosixError::strerror(error.code()));
     }
@@ -32,7 +36,14 @@ void Volume::open() {
         alignment_ = needed;
     }
     aligning_.emplace(*device_, needed);
-    strict_.emplace(logger_, *aligning_, size_, alignment_);
+    if (place_.start == 0 && !place_.size) {
+        strict_.emplace(logger_, *aligning_, size_, alignment_);
+        return;
+    }
+    std::uint64_t const rest = size_ - std::min(size_, place_.start);
+    size_ = std::min(rest, place_.size.value_or(rest));
+    slice_.emplace(*aligning_, place_.start, size_);
+    strict_.emplace(logger_, *slice_, size_, alignment_);
 }
 
 void Volume::detect() {

@@ -5,6 +5,7 @@
 #include "agent/core/fs/IFileSystemType.h"
 #include "imaging/AligningReader.h"
 #include "imaging/ReasonLogger.h"
+#include "imaging/SliceReader.h"
 #include "imaging/StrictReader.h"
 
 #include <cstdint>
@@ -14,19 +15,34 @@
 
 namespace imaging {
 
-/// An image file or a block device, opened read-only with direct I/O where its path allows that, and what was found at
-/// its start. One thread at a time.
+/// Where on a disk a volume lies.
+struct Place {
+    std::uint64_t start = 0;                          ///< byte of the disk
+    std::optional<std::uint64_t> size = std::nullopt; ///< bytes; without it, all that follows
+    std::string name = {};                            ///< what messages call it, beside the disk's path; may be empty
+};
+
+/// An image file or a block device, or a part of one, opened read-only with direct I/O where its path allows that, and
+/// what was found at its start. One thread at a time.
 class Volume {
 public:
     /// @param path       an image file or a block device
     /// @param alignment  bytes, a power of two; 0 for what the device asks for
     /// @param logger     takes the library's entries; not owned, must outlive the volume
+    /// @param place      the part of it that is the volume; what of it lies past the disk's end is not there
     /// @throws VolumeError  the path is missing, of another kind, cannot be opened or read, or holds less than a sector
-    Volume(std::string const& path, std::uint64_t alignment, agent::info::Logger& logger);
+    Volume(std::string const& path, std::uint64_t alignment, agent::info::Logger& logger, Place place = {});
     Volume(Volume const&) = delete;
     Volume& operator=(Volume const&) = delete;
 
+    /// What messages call the volume: the path, and the place's name.
     std::string const& path() const { return path_; }
+
+    /// The path that it was opened by.
+    std::string const& filePath() const { return filePath_; }
+
+    /// Byte of the disk where the volume begins.
+    std::uint64_t start() const { return place_.start; }
 
     /// Bytes of the volume.
     std::uint64_t size() const { return size_; }
@@ -54,12 +70,15 @@ private:
     void open();
     void detect();
 
+    std::string filePath_;
+    Place place_;
     std::string path_;
     ReasonLogger logger_;
     std::uint64_t alignment_;
     std::uint64_t size_ = 0;
     std::optional<agent::core::backup::VolumeReader> device_;
     std::optional<AligningReader> aligning_;
+    std::optional<SliceReader> slice_; // when the place is not the whole disk
     std::optional<StrictReader> strict_;
     std::string refusal_;
     agent::core::fs::FileSystemCode code_ = agent::core::fs::kUnrecognized;

@@ -126,18 +126,15 @@ void Copier::salvageAll() {
 /// Reads a range, or its halves, down to the units that cannot be read.
 void Copier::salvage(ByteRange const& range) {
     std::uint64_t const unit = source_.alignment();
-    std::uint64_t const middle = (range.begin + range.size() / 2) / unit * unit;
+    std::uint64_t const nextUnit = range.begin / unit * unit + unit;
+    std::uint64_t const middle = std::max((range.begin + range.size() / 2) / unit * unit, nextUnit);
     try {
         batch().window.read(range, path_);
         batch().pieces.push_back({range, false});
         submit();
     } catch (std::system_error const& error) {
-        if (middle <= range.begin) {
-            ByteRange const first{range.begin, std::min(range.end, range.begin / unit * unit + unit)};
-            giveUp(first, error.code().message());
-            if (first.end < range.end) {
-                salvage({first.end, range.end});
-            }
+        if (middle >= range.end) { // it lies in one unit
+            giveUp(range, error.code().message());
             return;
         }
         salvage({range.begin, middle});

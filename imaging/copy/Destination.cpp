@@ -7,9 +7,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
+#include <fstream>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <vector>
 
 namespace imaging {
@@ -28,12 +30,27 @@ std::span<std::uint8_t const> zeros(std::uint64_t length) {
     throw VolumeError(Trouble::Io, path + ": " + what + ": " + agent::PosixError::strerror(error));
 }
 
-/// The same device, or the file behind it, under another name.
+/// The file behind a loop device; empty for any other.
+std::string backingFile(struct stat const& device) {
+    std::ifstream file("/sys/dev/block/" + std::to_string(major(device.st_rdev)) + ":" +
+                       std::to_string(minor(device.st_rdev)) + "/loop/backing_file");
+    std::string path;
+    std::getline(file, path);
+    return path;
+}
+
+/// The volume must not be the same device, or the file behind it, under another name.
 void requireOther(std::string const& path, std::string const& source) {
     struct stat target {};
     struct stat origin {};
-    bool const known = ::stat(path.c_str(), &target) == 0 && ::stat(source.c_str(), &origin) == 0;
-    if (known && S_ISBLK(origin.st_mode) && origin.st_rdev == target.st_rdev) {
+    if (::stat(path.c_str(), &target) != 0 || ::stat(source.c_str(), &origin) != 0) {
+        return; // opening them will tell
+    }
+    struct stat behind {};
+    std::string const backing = backingFile(target);
+    bool const isBehind = !backing.empty() && ::stat(backing.c_str(), &behind) == 0 && behind.st_dev == origin.st_dev &&
+                          behind.st_ino == origin.st_ino;
+    if (isBehind || (S_ISBLK(origin.st_mode) && origin.st_rdev == target.st_rdev)) {
         throw VolumeError(Trouble::Io, path + ": is the volume itself; it is left alone");
     }
 }

@@ -24,7 +24,7 @@ Descriptor openVolume(std::string const& path, bool direct) {
 
 } // namespace
 
-FileSource::FileSource(std::string const& path, std::uint64_t size) : size_(size) {
+FileSource::FileSource(std::string const& path, std::uint64_t size, std::uint64_t start) : size_(size), start_(start) {
     struct stat facts {};
     bool const isDevice = ::stat(path.c_str(), &facts) == 0 && S_ISBLK(facts.st_mode);
     file_ = openVolume(path, isDevice);
@@ -36,14 +36,19 @@ FileSource::FileSource(std::string const& path, std::uint64_t size) : size_(size
     }
     alignment_ = isDevice ? directIoAlignment(file_.get()) : kFileAlignment;
     mayHaveHoles_ = !isDevice;
+    if (start % alignment_ != 0) {
+        // Direct reads could not begin there.
+        file_ = openVolume(path, false);
+        alignment_ = isDevice ? 1 : kFileAlignment;
+    }
     ::posix_fadvise(file_.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
 }
 
 std::size_t FileSource::read(std::uint64_t offset, std::span<std::uint8_t> buffer) const {
     std::size_t done = 0;
     while (done < buffer.size()) {
-        ssize_t const count =
-            ::pread(file_.get(), buffer.data() + done, buffer.size() - done, static_cast<off_t>(offset + done));
+        ssize_t const count = ::pread(file_.get(), buffer.data() + done, buffer.size() - done,
+                                      static_cast<off_t>(start_ + offset + done));
         if (count == -1 && errno == EINTR) {
             continue;
         }
@@ -59,23 +64,31 @@ std::size_t FileSource::read(std::uint64_t offset, std::span<std::uint8_t> buffe
 }
 
 Source::Stretch FileSource::stretchAt(std::uint64_t offset) const {
+    if (offset < lastBegin_ || offset >= last_.end) {
+        last_ = findStretch(offset);
+        lastBegin_ = offset;
+    }
+    return last_;
+}
+
+Source::Stretch FileSource::findStretch(std::uint64_t offset) const {
     if (!mayHaveHoles_) {
         return {size_, false};
     }
-    off_t const data = ::lseek(file_.get(), static_cast<off_t>(offset), SEEK_DATA);
+    std::uint64_t const end = start_ + size_;
+    off_t const data = ::lseek(file_.get(), static_cast<off_t>(start_ + offset), SEEK_DATA);
     if (data == -1 && errno == ENXIO) {
         // No data up to the end of the file; past it, a volume that became shorter is no hole.
-        off_t const end = ::lseek(file_.get(), 0, SEEK_END);
-        return {size_, end >= static_cast<off_t>(size_)};
+        return {size_, ::lseek(file_.get(), 0, SEEK_END) >= static_cast<off_t>(end)};
     }
     if (data == -1) {
         return {size_, false}; // the file system cannot tell
     }
-    if (static_cast<std::uint64_t>(data) > offset) {
-        return {static_cast<std::uint64_t>(data), true};
+    if (static_cast<std::uint64_t>(data) > start_ + offset) {
+        return {std::min(end, static_cast<std::uint64_t>(data)) - start_, true};
     }
     off_t const hole = ::lseek(file_.get(), data, SEEK_HOLE);
-    return {hole == -1 ? size_ : static_cast<std::uint64_t>(hole), false};
+    return {(hole == -1 ? end : std::min(end, static_cast<std::uint64_t>(hole))) - start_, false};
 }
 
 } // namespace imaging

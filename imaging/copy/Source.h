@@ -39,19 +39,26 @@ public:
 /// wrote is seen, a file through the page cache.
 class FileSource : public Source {
 public:
-    /// @param size  bytes of the volume
+    /// @param size   bytes of the volume
+    /// @param start  byte of the file where the volume begins
     /// @throws VolumeError  it cannot be opened
-    FileSource(std::string const& path, std::uint64_t size);
+    FileSource(std::string const& path, std::uint64_t size, std::uint64_t start = 0);
 
     std::uint64_t alignment() const override { return alignment_; }
     std::size_t read(std::uint64_t offset, std::span<std::uint8_t> buffer) const override;
+    /// Asks the system once for each stretch. One thread at a time.
     Stretch stretchAt(std::uint64_t offset) const override;
 
 private:
+    Stretch findStretch(std::uint64_t offset) const;
+
     Descriptor file_;
     std::uint64_t size_;
+    std::uint64_t start_;
     std::uint64_t alignment_ = 1;
     bool mayHaveHoles_ = false;
+    mutable std::uint64_t lastBegin_ = 0; // the stretch that was found last
+    mutable Stretch last_{0, false};
 };
 
 } // namespace imaging

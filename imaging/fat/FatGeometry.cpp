@@ -5,6 +5,7 @@
 #include "imaging/Detection.h"
 #include "imaging/LoadInteger.h"
 
+#include <algorithm>
 #include <bit>
 
 namespace imaging::fat {
@@ -197,7 +198,7 @@ Answerer open(Volume& volume) {
     if (volume.size() < geometry.bytes) {
         volume.reader().forbidTail(); // the end of a truncated volume may cut through the table
     } else {
-        volume.reader().setTail(geometry.unitSize); // the parser reads in clusters
+        volume.reader().setTail(std::max(geometry.unitSize, volume.alignment())); // the parser reads in clusters
     }
     geometry.notBelieved = findLimit(volume, facts);
     if (geometry.notBelieved) {

@@ -110,7 +110,7 @@ Reason findContradiction(agent::core::fs::HFSParser const& parser, Header const&
     std::uint64_t const block = header.allocation.extents[0].first;
     std::array<char, 1> bits{};
     bool const isKnown = parser.getChunk(block / 8 * 8, bits.data(), bits.size()) > static_cast<long>(block % 8);
-    if (isKnown && (static_cast<unsigned char>(bits[0]) << (block % 8) & 0x80U) == 0) {
+    if (isKnown && ((std::uint32_t{static_cast<std::uint8_t>(bits[0])} << (block % 8)) & 0x80U) == 0) {
         return "the allocation file calls block " + std::to_string(block) + " free, which holds its own beginning";
     }
     return std::nullopt;

@@ -16,9 +16,10 @@ constexpr std::uint64_t kChunkBytes = std::uint64_t{4} << 20;
 constexpr unsigned long kVolumeRecord = 3;
 constexpr unsigned long kBitmapRecord = 6;
 
-/// Of a resident attribute: its header's length and where its value begins; in the value of $VOLUME_INFORMATION the
-/// flags, and the one of a volume that was not unmounted cleanly.
+/// Of a resident attribute: its header's length, and its value's length and where it begins; in the value of
+/// $VOLUME_INFORMATION the flags, and the one of a volume that was not unmounted cleanly.
 constexpr std::size_t kResidentHeader = 0x18;
+constexpr std::size_t kValueLength = 0x10;
 constexpr std::size_t kValueOffset = 0x14;
 constexpr std::size_t kVolumeFlags = 0x0A;
 constexpr std::uint64_t kVolumeDirty = 0x0001;
@@ -151,7 +152,7 @@ std::optional<std::string> uncleanReason(Probe const& parser, Boot const& boot, 
             return "$Volume (record 3) does not tell whether it was unmounted cleanly";
         }
         std::uint64_t const value = load(attribute, kValueOffset, 2);
-        if (value + kVolumeFlags + 2 > attribute.size()) {
+        if (load(attribute, kValueLength, 4) < kVolumeFlags + 2 || value + kVolumeFlags + 2 > attribute.size()) {
             return "$Volume (record 3) does not tell whether it was unmounted cleanly";
         }
         if (std::uint64_t const flags = load(attribute, value + kVolumeFlags, 2); (flags & kVolumeDirty) != 0) {

@@ -78,8 +78,8 @@ private:
 
     /// Whether the record that ends at the head says that the volume was unmounted.
     std::optional<std::string> checkBefore(std::uint64_t head) const {
-        std::uint64_t const stop = head > kMostBack ? head - kMostBack : 0;
-        for (std::uint64_t number = head; number-- > stop;) {
+        for (std::uint64_t back = 1; back <= std::min(kMostBack, blocks_); ++back) {
+            std::uint64_t const number = (head + blocks_ - back) % blocks_; // round the ring
             Bytes const header = block(number);
             if (isHeader(header)) {
                 return isUnmount(number, header, head)
@@ -94,10 +94,11 @@ private:
         std::uint64_t const size = std::clamp(loadBig(header, kRecordSize, 4), kDataOfHeader, kLargestRecord);
         std::uint64_t const headers = loadBig(header, kVersion, 4) > 1 ? (size + kDataOfHeader - 1) / kDataOfHeader : 1;
         std::uint64_t const data = (loadBig(header, kDataLength, 4) + kBasicBlock - 1) / kBasicBlock;
-        if (loadBig(header, kOperations, 4) != 1 || number + headers + data != head || data == 0) {
+        bool const endsAtHead = (number + headers + data) % blocks_ == head % blocks_;
+        if (loadBig(header, kOperations, 4) != 1 || !endsAtHead || data == 0) {
             return false;
         }
-        return (block(number + headers)[kOperationFlags] & kUnmount) != 0;
+        return (block((number + headers) % blocks_)[kOperationFlags] & kUnmount) != 0;
     }
 
     std::uint64_t blocks_;

@@ -6,10 +6,12 @@ cd "$(dirname "${BASH_SOURCE[0]}")/../.."
 # The file systems' own tools stand in directories that an ordinary user's PATH lacks on Debian.
 export PATH="$PATH:/usr/sbin:/sbin"
 
-build_packages=(g++ cmake ninja-build libcli11-dev libfmt-dev nlohmann-json3-dev libssl-dev)
+build_packages=(g++ cmake ninja-build libcli11-dev libfmt-dev nlohmann-json3-dev libssl-dev libblkid-dev libfdisk-dev
+    libcairo2-dev pkg-config libxml2-dev)
 sample_packages=(e2fsprogs ntfs-3g dosfstools mtools xfsprogs xorriso)
 test_packages=(python3-samba libgtest-dev libgmock-dev clang-14 libclang-rt-14-dev binutils e2fsprogs ntfs-3g dosfstools
-    mtools xfsprogs xorriso hfsplus libfshfs-utils sleuthkit partclone mount util-linux)
+    mtools xfsprogs xorriso hfsplus libfshfs-utils sleuthkit partclone mount util-linux fdisk bmap-tools gddrescue nbdkit
+    libnbd-bin qemu-utils)
 lint_packages=(clang-format-14 clang-tidy-14 git)
 
 say() { printf '== %s\n' "$*" >&2; }

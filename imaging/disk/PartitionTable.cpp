@@ -1,0 +1,73 @@
+// Asking libfdisk.
+#include "imaging/disk/PartitionTable.h"
+
+#include <libfdisk/libfdisk.h>
+#include <memory>
+
+namespace imaging {
+
+namespace {
+
+struct Unref {
+    void operator()(fdisk_context* context) const { fdisk_unref_context(context); }
+    void operator()(fdisk_table* table) const { fdisk_unref_table(table); }
+    void operator()(fdisk_iter* iterator) const { fdisk_free_iter(iterator); }
+};
+
+template <typename Thing>
+using Owned = std::unique_ptr<Thing, Unref>;
+
+std::string orEmpty(char const* text) {
+    return text == nullptr ? "" : text;
+}
+
+/// In an MBR that only protects a GPT: all that is left where the GPT itself cannot be read.
+constexpr unsigned kProtective = 0xEE;
+
+bool isProtective(fdisk_partition* partition, std::string const& kind) {
+    fdisk_parttype const* const type = fdisk_partition_get_type(partition);
+    return kind == "dos" && type != nullptr && fdisk_parttype_get_code(type) == kProtective;
+}
+
+bool isListed(fdisk_partition* partition) {
+    return fdisk_partition_is_used(partition) != 0 && fdisk_partition_is_container(partition) == 0 &&
+           fdisk_partition_has_start(partition) != 0 && fdisk_partition_has_size(partition) != 0 &&
+           fdisk_partition_has_partno(partition) != 0;
+}
+
+} // namespace
+
+std::optional<PartitionTable> readPartitionTable(std::string const& path) {
+    Owned<fdisk_context> const context(fdisk_new_context());
+    if (!context || fdisk_disable_dialogs(context.get(), 1) != 0 ||
+        fdisk_assign_device(context.get(), path.c_str(), 1) != 0 || fdisk_has_label(context.get()) == 0) {
+        return std::nullopt;
+    }
+    fdisk_table* read = nullptr;
+    int const result = fdisk_get_partitions(context.get(), &read);
+    Owned<fdisk_table> const table(read);
+    Owned<fdisk_iter> const iterator(fdisk_new_iter(FDISK_ITER_FORWARD));
+    if (result != 0 || !table || !iterator) {
+        return std::nullopt;
+    }
+    PartitionTable disk{orEmpty(fdisk_label_get_name(fdisk_get_label(context.get(), nullptr))),
+                        fdisk_get_sector_size(context.get()),
+                        {}};
+    fdisk_partition* partition = nullptr;
+    while (fdisk_table_next_partition(table.get(), iterator.get(), &partition) == 0) {
+        if (isListed(partition) && !isProtective(partition, disk.kind)) {
+            fdisk_parttype const* const type = fdisk_partition_get_type(partition);
+            disk.partitions.push_back({fdisk_partition_get_partno(partition) + 1,
+                                       fdisk_partition_get_start(partition) * disk.sectorSize,
+                                       fdisk_partition_get_size(partition) * disk.sectorSize,
+                                       type == nullptr ? "" : orEmpty(fdisk_parttype_get_name(type)),
+                                       orEmpty(fdisk_partition_get_name(partition))});
+        }
+    }
+    if (disk.kind != "gpt" && disk.partitions.empty()) {
+        return std::nullopt; // boot sectors of volumes end like one of these, too
+    }
+    return disk;
+}
+
+} // namespace imaging

@@ -1,0 +1,30 @@
+// The partitions of a whole disk.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace imaging {
+
+/// One partition.
+struct Partition {
+    std::uint64_t number; ///< from 1 on, as the system numbers them
+    std::uint64_t start;  ///< byte of the disk
+    std::uint64_t size;   ///< bytes
+    std::string type;     ///< what the table says it is for, in words
+    std::string name;     ///< GPT: its name; may be empty
+};
+
+struct PartitionTable {
+    std::string kind;                  ///< "gpt" or "dos"
+    std::uint64_t sectorSize;          ///< bytes
+    std::vector<Partition> partitions; ///< in the table's order; free space and extended containers are left out
+};
+
+/// Reads the partition table of a disk or of its image, which is opened read-only.
+/// @return nothing where there is no table that the system's library knows
+std::optional<PartitionTable> readPartitionTable(std::string const& path);
+
+} // namespace imaging
