@@ -262,12 +262,15 @@ TEST(CommandFatTruncated, InsideTheDataIsMappedWithAWarning) {
     EXPECT_THAT(result.error, HasSubstr("ends at byte 100000, 108896 bytes before the end"));
 }
 
-TEST(CommandFatTypes, OtherFatVolumesAreNotRecognised) {
+TEST(CommandFatTypes, OtherFatVolumesAreNamedAndNotRead) {
     TempDirectory const directory;
     for (std::string const label : {"FAT12   ", "FAT16   "}) {
         std::string const path =
             writeFatVolume(directory.file("volume"), makeSound().setText(fat_boot::kOldLabel, label));
-        EXPECT_EQ(fsparser({"detect", path}).output, "unrecognized\n");
+        CommandResult const result = fsparser({"detect", path});
+        EXPECT_EQ(result.exitCode, 3) << result;
+        EXPECT_EQ(result.output, "vfat\n");
+        EXPECT_EQ(result.error, "fsparser: " + path + ": holds vfat, which is not read\n");
     }
 }
 
