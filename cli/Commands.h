@@ -5,6 +5,7 @@
 #include "cli/ExitCode.h"
 #include "cli/Progress.h"
 #include "cli/Terminal.h"
+#include "imaging/BudgetReader.h"
 
 #include <cstdint>
 #include <optional>
@@ -18,6 +19,7 @@ struct Options {
     std::string volume;                    ///< path of an image file or a block device
     std::uint64_t partition = 0;           ///< number of a partition of it; 0: none
     std::uint64_t offset = 0;              ///< bytes: where the volume begins on it
+    imaging::Budget budget;                ///< what may be spent on reading the volume
     std::uint64_t alignment = 0;           ///< bytes; 0: what the device asks for
     std::uint64_t unit = 0;                ///< bytes: the unit of a volume in which nothing is understood; 0: 4096
     bool json = false;                     ///< one JSON document instead of text

@@ -16,7 +16,8 @@ namespace {
 std::string contentOf(Options const& options, Console& console, imaging::Partition const& partition) {
     try {
         imaging::Volume const volume(options.volume, options.alignment, console,
-                                     {partition.start, partition.size, fmt::format("partition {}", partition.number)});
+                                     {partition.start, partition.size, fmt::format("partition {}", partition.number)},
+                                     options.budget);
         return contentName(volume);
     } catch (imaging::VolumeError const& error) {
         console.note(error.what());

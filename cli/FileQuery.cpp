@@ -47,7 +47,7 @@ std::vector<std::string> allPaths(Options const& options) {
 /// Why a path has no answer.
 struct Refusal {
     std::string reason;
-    ExitCode code; ///< kFailure when reading failed, otherwise kNotUnderstood
+    ExitCode code; ///< kFailure when reading failed, kInconsistent when it does not end, otherwise kNotUnderstood
 };
 
 std::variant<Json, Refusal> ask(FileAnswer const& answer, imaging::ntfs::Files& files, std::string const& path,
@@ -57,7 +57,9 @@ std::variant<Json, Refusal> ask(FileAnswer const& answer, imaging::ntfs::Files& 
     } catch (std::exception const& error) {
         std::string const logged = volume.logger().takeReason("");
         return Refusal{error.what() + (logged.empty() ? "" : " (" + logged + ")"),
-                       logged.empty() ? kNotUnderstood : kFailure};
+                       volume.readTrouble() == imaging::Trouble::Unending ? kInconsistent
+                       : logged.empty()                                   ? kNotUnderstood
+                                                                          : kFailure};
     }
 }
 
@@ -77,7 +79,7 @@ ExitCode queryFiles(Options const& options, Console& console, std::string const&
         if (auto const* const refusal = std::get_if<Refusal>(&answered)) {
             console.error(volume.path() + ": " + path + ": " + refusal->reason);
             list.push_back({{"path", path}, {"error", refusal->reason}});
-            code = code == kFailure ? kFailure : refusal->code;
+            code = code == kFailure || code == kInconsistent ? code : refusal->code;
         } else if (options.json) {
             Json entry{{"path", path}};
             entry.update(std::get<Json>(answered));

@@ -38,7 +38,7 @@ imaging::Volume openVolume(Options const& options, Console& console) {
     } else if (options.offset != 0) {
         place = {options.offset, std::nullopt, fmt::format("from byte {}", options.offset)};
     }
-    return imaging::Volume(options.volume, options.alignment, console, place);
+    return imaging::Volume(options.volume, options.alignment, console, place, options.budget);
 }
 
 } // namespace cli

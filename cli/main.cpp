@@ -59,6 +59,9 @@ constexpr std::uint64_t kLargestUnit = std::uint64_t{1} << 30;
 constexpr std::uint64_t kLargestOffset = std::uint64_t{1} << 62;
 constexpr int kMostPartitions = 65535;
 
+/// Ten years: what a clock counts well.
+constexpr int kLongestTime = 315'360'000;
+
 /// The longest side of a picture: enough for any terminal, and memory stays small.
 constexpr int kMostCells = 500;
 
@@ -150,6 +153,17 @@ CLI::App* addVerb(CLI::App& app, Request& request, char const* name, char const*
         ->type_name("BYTES|Ns")
         ->check(CLI::Validator(checkOffset, ""))
         ->excludes(partition);
+    command
+        ->add_option("--max-reads", options.budget.reads,
+                     "give a volume up after N reads (default: 100000000): its structures may lead in a circle")
+        ->type_name("N")
+        ->check(CLI::PositiveNumber.description(""));
+    command
+        ->add_option_function<std::uint64_t>(
+            "--max-time", [&options](std::uint64_t seconds) { options.budget.time = std::chrono::seconds(seconds); },
+            "give a volume up after so long (default: 86400, a day)")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(1, kLongestTime).description(""));
     auto* const quiet = command->add_flag("-q,--quiet", request.quiet, "print errors only");
     command->add_flag("-v,--verbose", request.verbose, "show the library's warnings; -vv: its debug log")
         ->excludes(quiet);
@@ -383,6 +397,18 @@ void checkTogether(Request const& request) {
     }
 }
 
+ExitCode exitCodeOf(imaging::Trouble trouble) {
+    switch (trouble) {
+    case imaging::Trouble::Io:
+        return kFailure;
+    case imaging::Trouble::Unending:
+        return kInconsistent;
+    case imaging::Trouble::NotUnderstood:
+        break;
+    }
+    return kNotUnderstood;
+}
+
 ExitCode execute(Request const& request) {
     Console console(request.verbosity());
     try {
@@ -395,7 +421,7 @@ ExitCode execute(Request const& request) {
         return code;
     } catch (imaging::VolumeError const& error) {
         console.error(error.what());
-        return error.trouble() == imaging::Trouble::Io ? kFailure : kNotUnderstood;
+        return exitCodeOf(error.trouble());
     } catch (Interrupted const&) {
         console.error("interrupted");
         return kInterrupted;

@@ -63,7 +63,8 @@ std::unique_ptr<Parser> makeParserOn(Volume& volume, agent::core::IVolumeReader 
     } catch (std::runtime_error const& error) {
         std::string const text = error.what();
         std::string const logged = volume.logger().takeReason(text);
-        throw VolumeError(Trouble::Io, volume.path() + ": " + text + (logged == text ? "" : " (" + logged + ")"));
+        throw VolumeError(volume.readTrouble(),
+                          volume.path() + ": " + text + (logged == text ? "" : " (" + logged + ")"));
     }
 }
 

@@ -9,6 +9,7 @@ namespace imaging {
 /// What kind of trouble a volume is in; a command turns it into its exit code.
 enum class Trouble {
     Io,            ///< a system call or the library failed
+    Unending,      ///< more was read than any healthy volume takes: its structures contradict themselves
     NotUnderstood, ///< the volume is not there, or nothing in it is understood
 };
 

@@ -12,9 +12,10 @@
 
 namespace imaging {
 
-Volume::Volume(std::string const& path, std::uint64_t alignment, agent::info::Logger& logger, Place place)
+Volume::Volume(std::string const& path, std::uint64_t alignment, agent::info::Logger& logger, Place place,
+               Budget const& budget)
     : filePath_(path), place_(std::move(place)), path_(path + (place_.name.empty() ? "" : " (" + place_.name + ")")),
-      logger_(logger), alignment_(alignment) {
+      logger_(logger), alignment_(alignment), limits_(budget) {
     requireVolumePath(filePath_);
     open();
     detect();
@@ -36,14 +37,14 @@ void Volume::open() {
         alignment_ = needed;
     }
     aligning_.emplace(*device_, needed);
-    if (place_.start == 0 && !place_.size) {
-        strict_.emplace(logger_, *aligning_, size_, alignment_);
-        return;
+    agent::core::IVolumeReader const* inner = &*aligning_;
+    if (place_.start != 0 || place_.size) {
+        std::uint64_t const rest = size_ - std::min(size_, place_.start);
+        size_ = std::min(rest, place_.size.value_or(rest));
+        inner = &slice_.emplace(*aligning_, place_.start, size_);
     }
-    std::uint64_t const rest = size_ - std::min(size_, place_.start);
-    size_ = std::min(rest, place_.size.value_or(rest));
-    slice_.emplace(*aligning_, place_.start, size_);
-    strict_.emplace(logger_, *slice_, size_, alignment_);
+    budget_.emplace(logger_, *inner, limits_);
+    strict_.emplace(logger_, *budget_, size_, alignment_);
 }
 
 void Volume::detect() {
@@ -61,8 +62,8 @@ std::vector<std::uint8_t> Volume::readBytes(std::uint64_t offset, std::uint64_t 
     unsigned long bytesRead = 0;
     if (agent::core::fs::fs_seek_read_aligned(logger_, *strict_, alignment_, offset, bytes.data(), length,
                                               &bytesRead) != 0) {
-        throw VolumeError(Trouble::Io, path_ + ": cannot be read at byte " + std::to_string(offset) + ": " +
-                                           logger_.takeReason("the read failed"));
+        throw VolumeError(readTrouble(), path_ + ": cannot be read at byte " + std::to_string(offset) + ": " +
+                                             logger_.takeReason("the read failed"));
     }
     return bytes;
 }

@@ -4,6 +4,8 @@
 #include "agent/core/backup/VolumeReader.h"
 #include "agent/core/fs/IFileSystemType.h"
 #include "imaging/AligningReader.h"
+#include "imaging/BudgetReader.h"
+#include "imaging/Error.h"
 #include "imaging/ReasonLogger.h"
 #include "imaging/SliceReader.h"
 #include "imaging/StrictReader.h"
@@ -30,8 +32,10 @@ public:
     /// @param alignment  bytes, a power of two; 0 for what the device asks for
     /// @param logger     takes the library's entries; not owned, must outlive the volume
     /// @param place      the part of it that is the volume; what of it lies past the disk's end is not there
+    /// @param budget     what may be spent on reading it, from now on
     /// @throws VolumeError  the path is missing, of another kind, cannot be opened or read, or holds less than a sector
-    Volume(std::string const& path, std::uint64_t alignment, agent::info::Logger& logger, Place place = {});
+    Volume(std::string const& path, std::uint64_t alignment, agent::info::Logger& logger, Place place = {},
+           Budget const& budget = {});
     Volume(Volume const&) = delete;
     Volume& operator=(Volume const&) = delete;
 
@@ -62,6 +66,9 @@ public:
     /// The logger that parsers are given.
     ReasonLogger& logger() { return logger_; }
 
+    /// What it means that reading failed: Unending once the budget is spent.
+    Trouble readTrouble() const { return budget_->spent().empty() ? Trouble::Io : Trouble::Unending; }
+
     /// Reads bytes of the volume.
     /// @throws VolumeError  they cannot be read
     std::vector<std::uint8_t> readBytes(std::uint64_t offset, std::uint64_t length);
@@ -79,6 +86,8 @@ private:
     std::optional<agent::core::backup::VolumeReader> device_;
     std::optional<AligningReader> aligning_;
     std::optional<SliceReader> slice_; // when the place is not the whole disk
+    Budget limits_;
+    std::optional<BudgetReader> budget_;
     std::optional<StrictReader> strict_;
     std::string refusal_;
     agent::core::fs::FileSystemCode code_ = agent::core::fs::kUnrecognized;

@@ -219,11 +219,11 @@ std::uint64_t VolumeMap::nextChunk(std::uint64_t unit, std::vector<char>& chunk)
         if (count >= 0) {
             return static_cast<std::uint64_t>(count);
         }
-        throw VolumeError(Trouble::Io, where + volume_.logger().takeReason("code " + std::to_string(count)));
+        throw VolumeError(volume_.readTrouble(), where + volume_.logger().takeReason("code " + std::to_string(count)));
     } catch (VolumeError const&) {
         throw;
     } catch (std::exception const& error) {
-        throw VolumeError(Trouble::Io, where + error.what());
+        throw VolumeError(volume_.readTrouble(), where + error.what());
     }
 }
 

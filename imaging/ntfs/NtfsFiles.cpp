@@ -46,7 +46,7 @@ std::unique_ptr<Probe> openParser(Volume& volume, std::optional<unsigned long> c
     try {
         parser->extents(std::string()); // names can be compared only once this has loaded the upcase table
     } catch (std::runtime_error const& error) {
-        throw VolumeError(Trouble::Io, volume.path() + ": " + error.what());
+        throw VolumeError(volume.readTrouble(), volume.path() + ": " + error.what());
     }
     return parser;
 }

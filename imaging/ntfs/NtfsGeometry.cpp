@@ -193,7 +193,7 @@ Answerer open(Volume& volume) {
         geometry.notBelieved = findLimit(*parser, boot, facts);
         geometry.isOneRequest = facts.runs.size() > 1;
     } catch (std::exception const& error) {
-        throw VolumeError(Trouble::Io, volume.path() + ": $Bitmap (record 6) cannot be read: " + error.what());
+        throw VolumeError(volume.readTrouble(), volume.path() + ": $Bitmap (record 6) cannot be read: " + error.what());
     }
     if (geometry.notBelieved) {
         volume.logger().takeReason(""); // the reason is told in its own words

@@ -1,0 +1,89 @@
+// Pages, the last used first.
+#include "imaging/CachingReader.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+namespace imaging {
+
+namespace {
+
+/// What direct I/O asks of addresses, at most.
+constexpr std::size_t kAddressAlignment = 4096;
+
+} // namespace
+
+CachingReader::CachingReader(agent::core::IVolumeReader const& inner, std::size_t pages)
+    : inner_(inner), capacity_(pages) {}
+
+CachingReader::Page const* CachingReader::find(std::uint64_t number) const {
+    if (auto const known = index_.find(number); known != index_.end()) {
+        pages_.splice(pages_.begin(), pages_, known->second);
+        return &pages_.front();
+    }
+    Page page{number, 0, decltype(Page::bytes)(agent::AlignedAllocator<char>(kAddressAlignment))};
+    page.bytes.resize(kPageBytes);
+    if (inner_.seek(static_cast<long>(number * kPageBytes), SEEK_SET) < 0) {
+        return nullptr;
+    }
+    long const count = inner_.read(page.bytes.data(), kPageBytes);
+    if (count < 0) {
+        return nullptr; // nothing is kept of a failure: the next reading may do better
+    }
+    page.size = static_cast<std::uint64_t>(count);
+    if (pages_.size() == capacity_) {
+        index_.erase(pages_.back().number);
+        pages_.pop_back();
+    }
+    pages_.push_front(std::move(page));
+    index_[number] = pages_.begin();
+    return &pages_.front();
+}
+
+long CachingReader::read(void* buffer, long length) const {
+    auto const wanted = static_cast<std::uint64_t>(length);
+    if (wanted > kPageBytes) {
+        return readAround(buffer, length);
+    }
+    std::uint64_t done = 0;
+    while (done < wanted) {
+        std::uint64_t const within = position_ % kPageBytes;
+        Page const* const page = find(position_ / kPageBytes);
+        if (page == nullptr) {
+            return -1;
+        }
+        std::uint64_t const there = page->size - std::min(page->size, within);
+        std::uint64_t const count = std::min(there, wanted - done);
+        if (count == 0) {
+            break; // the end of the volume
+        }
+        std::memcpy(static_cast<char*>(buffer) + done, page->bytes.data() + within, count);
+        done += count;
+        position_ += count;
+    }
+    return static_cast<long>(done);
+}
+
+long CachingReader::readAround(void* buffer, long length) const {
+    if (inner_.seek(static_cast<long>(position_), SEEK_SET) < 0) {
+        return -1;
+    }
+    long const result = inner_.read(buffer, length);
+    position_ += static_cast<std::uint64_t>(std::max(result, 0L));
+    return result;
+}
+
+long CachingReader::seek(long offset, int whence) const {
+    if (whence != SEEK_SET || offset < 0) {
+        return -1;
+    }
+    position_ = static_cast<std::uint64_t>(offset);
+    return offset;
+}
+
+std::string CachingReader::getVolumePath() const {
+    return inner_.getVolumePath();
+}
+
+} // namespace imaging

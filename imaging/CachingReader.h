@@ -1,0 +1,48 @@
+// A reader that keeps the pages it read last.
+#pragma once
+
+#include "agent/AlignedAllocator.h"
+#include "agent/core/IVolumeReader.h"
+
+#include <cstdint>
+#include <list>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace imaging {
+
+/// Keeps a fixed number of pages, the last used ones: records and index blocks that are asked for again and again cost
+/// one read of the volume. Long reads pass by. The volume must not change meanwhile.
+class CachingReader : public agent::core::IVolumeReader {
+public:
+    /// Bytes of a page; reads of more than one page pass by.
+    static constexpr std::uint64_t kPageBytes = std::uint64_t{64} * 1024;
+
+    /// @param inner  not owned; must outlive this reader; takes reads of whole pages at multiples of a page
+    /// @param pages  how many are kept, at least 1
+    CachingReader(agent::core::IVolumeReader const& inner, std::size_t pages);
+
+    long read(void* buffer, long length) const override;
+    /// Takes SEEK_SET only.
+    long seek(long offset, int whence) const override;
+    std::string getVolumePath() const override;
+
+private:
+    struct Page {
+        std::uint64_t number;
+        std::uint64_t size; ///< bytes that the volume has there
+        std::vector<char, agent::AlignedAllocator<char>> bytes;
+    };
+
+    Page const* find(std::uint64_t number) const;
+    long readAround(void* buffer, long length) const;
+
+    agent::core::IVolumeReader const& inner_;
+    std::size_t capacity_;
+    mutable std::list<Page> pages_; // the last used first
+    mutable std::unordered_map<std::uint64_t, std::list<Page>::iterator> index_;
+    mutable std::uint64_t position_ = 0;
+};
+
+} // namespace imaging
