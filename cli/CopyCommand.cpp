@@ -18,12 +18,13 @@ namespace {
 
 using imaging::CopyReport;
 
-std::unique_ptr<imaging::Destination> openDestination(Options const& options, std::uint64_t size) {
+std::unique_ptr<imaging::Destination> openDestination(Options const& options, imaging::Volume const& volume) {
+    std::uint64_t const size = volume.size();
     if (options.destination == "-") {
         return std::make_unique<imaging::StreamDestination>(STDOUT_FILENO, "standard output", size);
     }
     if (options.toDevice) {
-        return std::make_unique<imaging::DeviceDestination>(options.destination, options.volume, size);
+        return std::make_unique<imaging::DeviceDestination>(options.destination, options.volume, size, volume.start());
     }
     using Existing = imaging::OutputFile::Existing;
     return std::make_unique<imaging::FileDestination>(options.destination, options.volume, size,
@@ -51,8 +52,8 @@ std::unique_ptr<imaging::OutputFile> beginRescueMap(Options const& options) {
                                                  options.force ? Existing::IsReplaced : Existing::IsRefused);
 }
 
-void writeRescueMap(imaging::OutputFile& file, CopyReport const& report, std::uint64_t size) {
-    std::string const text = imaging::rescueMap(report.result.unreadable, size);
+void writeRescueMap(imaging::OutputFile& file, imaging::CopyResult const& result, std::uint64_t size) {
+    std::string const text = imaging::rescueMap(result.unreadable, size);
     file.write({reinterpret_cast<std::uint8_t const*>(text.data()), text.size()});
     file.commit();
 }
@@ -87,9 +88,10 @@ void printJson(Options const& options, imaging::Volume const& volume, imaging::G
     printDocument(document);
 }
 
-CopyReport copy(Options const& options, imaging::Volume const& volume, imaging::CopyPlan& plan) {
+CopyReport copy(Options const& options, imaging::Volume const& volume, imaging::CopyPlan& plan,
+                imaging::OutputFile* rescueMap) {
     imaging::FileSource const source(volume.filePath(), volume.size(), volume.start());
-    std::unique_ptr<imaging::Destination> const destination = openDestination(options, volume.size());
+    std::unique_ptr<imaging::Destination> const destination = openDestination(options, volume);
     Progress progress(options.progress);
     imaging::CopyWatch watch;
     watch.begin = [&progress](imaging::CopyTotals const& totals) { progress.begin(totals.taken()); };
@@ -98,6 +100,11 @@ CopyReport copy(Options const& options, imaging::Volume const& volume, imaging::
         progress.update(state.done, state.offset);
     };
     watch.chunk = checkInterrupt;
+    watch.beforeFinish = [rescueMap, &volume](imaging::CopyResult const& result) {
+        if (rescueMap != nullptr) {
+            writeRescueMap(*rescueMap, result, volume.size());
+        }
+    };
     CopyReport report =
         imaging::copyVolume(plan, source, *destination, volume.path(), volume.size(), options.skipUnreadable, watch);
     progress.end();
@@ -112,10 +119,7 @@ ExitCode runCopy(Options const& options, Console& console) {
     imaging::CopyPlan plan(volume, options.allUsedIfRefused ? Refused::CountsAsUsed : Refused::IsError, options.unit);
     noteIfUnrecognized(console, volume);
     std::unique_ptr<imaging::OutputFile> const rescueMap = beginRescueMap(options);
-    CopyReport report = copy(options, volume, plan);
-    if (rescueMap) {
-        writeRescueMap(*rescueMap, report, volume.size());
-    }
+    CopyReport report = copy(options, volume, plan, rescueMap.get());
     if (!report.result.unreadable.empty()) {
         report.warnings.back() += "; " + rescueMapPath(options) + " lists them";
     }

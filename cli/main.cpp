@@ -335,6 +335,12 @@ bool isFileVerb(Verb verb) {
 }
 
 void checkCopy(Options const& options) {
+    if (options.destination.empty()) {
+        throw CLI::ValidationError("DEST", "names no file");
+    }
+    if (options.toDevice && options.skipUnreadable && options.rescueMap.empty()) {
+        throw CLI::ValidationError("--skip-unreadable", "needs --rescue-map FILE when DEST is a device");
+    }
     if (options.destination != "-") {
         return;
     }

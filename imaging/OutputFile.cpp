@@ -61,8 +61,7 @@ OutputFile::OutputFile(std::string const& path, std::string const& source, Exist
     : path_(targetOf(path)), temporary_(directoryOf(path_) + "/.fsparser.XXXXXX"), existing_(existing) {
     requireReplaceable(path, source);
     if (existing == Existing::IsRefused && ::access(path_.c_str(), F_OK) == 0) {
-        errno = EEXIST;
-        fail("is left alone");
+        throw VolumeError(Trouble::Io, path_ + ": exists, and is left alone without --force");
     }
     descriptor_ = ::mkostemp(temporary_.data(), O_CLOEXEC);
     if (descriptor_ == -1) {

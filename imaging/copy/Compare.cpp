@@ -19,8 +19,10 @@ struct Found {
 
 class Comparer {
 public:
-    Comparer(Compared const& volume, Compared const& copy, Geometry const& geometry)
-        : volume_(volume), copy_(copy), geometry_(geometry), expected_(volume.source), found_(copy.source) {}
+    Comparer(Compared const& volume, Compared const& copy, Geometry const& geometry,
+             VolumeMap::Progress const& progress)
+        : volume_(volume), copy_(copy), geometry_(geometry), progress_(progress), expected_(volume.source),
+          found_(copy.source) {}
 
     void compare(ByteRange const& range) {
         for (std::uint64_t begin = range.begin; begin < range.end;) {
@@ -30,6 +32,9 @@ public:
             }
             compared_ += end - begin;
             begin = end;
+            if (progress_) {
+                progress_(0); // a chunk of the map may stand for hours of reading
+            }
         }
     }
 
@@ -86,6 +91,7 @@ private:
     Compared const& volume_;
     Compared const& copy_;
     Geometry const& geometry_;
+    VolumeMap::Progress const& progress_;
     Window expected_;
     Window found_;
     std::uint64_t compared_ = 0;
@@ -96,10 +102,15 @@ private:
 Comparison compareVolumes(CopyPlan& plan, Compared const& volume, Compared const& copy,
                           VolumeMap::Progress const& progress) {
     Comparison comparison;
-    Comparer comparer(volume, copy, plan.geometry());
+    Comparer comparer(volume, copy, plan.geometry(), progress);
+    comparison.totals = plan.walk([](ByteRange const&) {}, progress, comparison.warnings);
+    if (plan.takesEverything()) {
+        comparison.warnings.push_back(volume.path + ": everything is compared");
+        comparison.totals = plan.walk([](ByteRange const&) {}, progress, comparison.warnings);
+    }
+    std::vector<std::string> again;
     try {
-        comparison.totals =
-            plan.walk([&comparer](ByteRange const& range) { comparer.compare(range); }, progress, comparison.warnings);
+        plan.walk([&comparer](ByteRange const& range) { comparer.compare(range); }, progress, again);
     } catch (Found const& found) {
         comparison.difference = found.difference;
     }

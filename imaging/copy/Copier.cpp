@@ -27,7 +27,11 @@ std::uint64_t CopyResult::unreadableBytes() const {
 
 Copier::Copier(Source const& source, Destination& destination, std::string path, bool skipUnreadable, Progress progress)
     : source_(source), path_(std::move(path)), skipUnreadable_(skipUnreadable), progress_(std::move(progress)),
-      pipeline_(source, destination) {}
+      pipeline_(source, destination, [this] {
+          if (progress_) {
+              progress_(last_);
+          }
+      }) {}
 
 void Copier::add(ByteRange const& range) {
     for (std::uint64_t begin = range.begin; begin < range.end;) {
@@ -106,7 +110,8 @@ void Copier::submit() {
     }
     pipeline_.submit(std::move(batch_));
     if (progress_) {
-        progress_({result_.copied + result_.zero + result_.unreadableBytes(), offset});
+        last_ = {result_.copied + result_.zero + result_.unreadableBytes(), offset};
+        progress_(last_);
     }
 }
 

@@ -61,6 +61,7 @@ private:
     std::string path_;
     bool skipUnreadable_;
     Progress progress_;
+    CopyProgress last_{0, 0}; ///< what was told last
     CopyResult result_;
     Source::Stretch stretch_{0, false}; ///< the one that the last byte taken lies in
     ByteRange span_{0, 0};              ///< what the batch's window will hold

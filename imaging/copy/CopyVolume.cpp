@@ -50,6 +50,9 @@ CopyReport copyVolume(CopyPlan& plan, Source const& source, Destination& destina
                                   std::to_string(result.unreadable.size()) +
                                   " places could not be read and are zeros in the copy");
     }
+    if (watch.beforeFinish) {
+        watch.beforeFinish(result);
+    }
     destination.finish();
     return report;
 }

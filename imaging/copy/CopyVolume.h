@@ -21,6 +21,9 @@ struct CopyWatch {
     /// Called now and then while bytes are copied.
     Copier::Progress progress;
 
+    /// Called when everything is copied and before the copy gets its name; what it throws ends the copy.
+    std::function<void(CopyResult const&)> beforeFinish;
+
     /// Called after each chunk of the map; what it throws ends the copy.
     VolumeMap::Progress chunk;
 };

@@ -2,16 +2,23 @@
 #include "imaging/copy/Destination.h"
 
 #include "agent/PosixError.h"
+#include "imaging/ByteRange.h"
 #include "imaging/Error.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <linux/fs.h>
+#include <optional>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <system_error>
 #include <vector>
 
 namespace imaging {
@@ -30,27 +37,63 @@ std::span<std::uint8_t const> zeros(std::uint64_t length) {
     throw VolumeError(Trouble::Io, path + ": " + what + ": " + agent::PosixError::strerror(error));
 }
 
-/// The file behind a loop device; empty for any other.
-std::string backingFile(struct stat const& device) {
-    std::ifstream file("/sys/dev/block/" + std::to_string(major(device.st_rdev)) + ":" +
-                       std::to_string(minor(device.st_rdev)) + "/loop/backing_file");
-    std::string path;
-    std::getline(file, path);
-    return path;
+/// Bytes of a file or a whole disk, whatever names lead there.
+struct Storage {
+    dev_t device;
+    ino_t file; ///< 0 for a disk
+    ByteRange range;
+};
+
+std::string readLine(std::string const& path) {
+    std::ifstream file(path);
+    std::string line;
+    std::getline(file, line);
+    return line;
 }
 
-/// The volume must not be the same device, or the file behind it, under another name.
-void requireOther(std::string const& path, std::string const& source) {
-    struct stat target {};
-    struct stat origin {};
-    if (::stat(path.c_str(), &target) != 0 || ::stat(source.c_str(), &origin) != 0) {
-        return; // opening them will tell
+std::uint64_t readNumber(std::string const& path) {
+    return std::strtoull(readLine(path).c_str(), nullptr, 10);
+}
+
+/// Where the bytes of a path really lie: a partition's on its disk, a loop device's in the file behind it.
+std::optional<Storage> findStorage(std::string const& path, ByteRange range) {
+    constexpr std::uint64_t kSysfsSector = 512;
+    struct stat facts {};
+    if (::stat(path.c_str(), &facts) != 0) {
+        return std::nullopt;
     }
-    struct stat behind {};
-    std::string const backing = backingFile(target);
-    bool const isBehind = !backing.empty() && ::stat(backing.c_str(), &behind) == 0 && behind.st_dev == origin.st_dev &&
-                          behind.st_ino == origin.st_ino;
-    if (isBehind || (S_ISBLK(origin.st_mode) && origin.st_rdev == target.st_rdev)) {
+    if (!S_ISBLK(facts.st_mode)) {
+        return Storage{facts.st_dev, facts.st_ino, range};
+    }
+    std::string folder =
+        "/sys/dev/block/" + std::to_string(major(facts.st_rdev)) + ":" + std::to_string(minor(facts.st_rdev));
+    dev_t disk = facts.st_rdev;
+    if (!readLine(folder + "/partition").empty()) {
+        std::uint64_t const start = readNumber(folder + "/start") * kSysfsSector;
+        range = {range.begin + start, range.end + start};
+        unsigned high = 0;
+        unsigned low = 0;
+        std::error_code error;
+        folder = std::filesystem::canonical(folder, error).parent_path();
+        if (error || std::sscanf(readLine(folder + "/dev").c_str(), "%u:%u", &high, &low) != 2) {
+            return std::nullopt;
+        }
+        disk = makedev(high, low);
+    }
+    std::string const backing = readLine(folder + "/loop/backing_file");
+    if (!backing.empty()) {
+        std::uint64_t const offset = readNumber(folder + "/loop/offset");
+        return findStorage(backing, {range.begin + offset, range.end + offset});
+    }
+    return Storage{disk, 0, range};
+}
+
+/// The volume must not share bytes with what is written, whatever their names are.
+void requireOther(std::string const& path, std::uint64_t size, std::string const& source, std::uint64_t start) {
+    std::optional<Storage> const target = findStorage(path, {0, size});
+    std::optional<Storage> const origin = findStorage(source, {start, start + size});
+    if (target && origin && target->device == origin->device && target->file == origin->file &&
+        target->range.begin < origin->range.end && origin->range.begin < target->range.end) {
         throw VolumeError(Trouble::Io, path + ": is the volume itself; it is left alone");
     }
 }
@@ -73,7 +116,8 @@ void FileDestination::finish() {
     file_.commit();
 }
 
-DeviceDestination::DeviceDestination(std::string const& path, std::string const& source, std::uint64_t size)
+DeviceDestination::DeviceDestination(std::string const& path, std::string const& source, std::uint64_t size,
+                                     std::uint64_t start)
     : path_(path) {
     struct stat facts {};
     if (::stat(path.c_str(), &facts) != 0) {
@@ -82,7 +126,7 @@ DeviceDestination::DeviceDestination(std::string const& path, std::string const&
     if (!S_ISBLK(facts.st_mode)) {
         throw VolumeError(Trouble::Io, path_ + ": is no block device");
     }
-    requireOther(path, source);
+    requireOther(path, size, source, start);
     // Exclusive: the system refuses a device that is mounted or otherwise in use, or one of its partitions.
     device_ = Descriptor(::open(path.c_str(), O_WRONLY | O_EXCL | O_CLOEXEC));
     if (!device_.isOpen()) {
@@ -131,12 +175,38 @@ void DeviceDestination::finish() {
 }
 
 StreamDestination::StreamDestination(int descriptor, std::string name, std::uint64_t size)
-    : descriptor_(descriptor), name_(std::move(name)), size_(size) {}
+    : descriptor_(descriptor), name_(std::move(name)), size_(size), flags_(-1) {
+    struct stat facts {};
+    // A pipe that nobody reads would keep the writer for ever; it is waited for where the copy can be stopped.
+    if (::fstat(descriptor, &facts) == 0 && (S_ISFIFO(facts.st_mode) || S_ISSOCK(facts.st_mode))) {
+        flags_ = ::fcntl(descriptor, F_GETFL);
+        ::fcntl(descriptor, F_SETFL, flags_ | O_NONBLOCK);
+    }
+}
+
+StreamDestination::~StreamDestination() {
+    if (flags_ != -1) {
+        ::fcntl(descriptor_, F_SETFL, flags_);
+    }
+}
+
+void StreamDestination::waitUntilWritable() const {
+    if (isCancelled_) {
+        throw VolumeError(Trouble::Io, name_ + ": the copy was stopped");
+    }
+    constexpr int kMilliseconds = 100;
+    pollfd wanted{descriptor_, POLLOUT, 0};
+    ::poll(&wanted, 1, kMilliseconds);
+}
 
 void StreamDestination::put(std::span<std::uint8_t const> bytes) {
     while (!bytes.empty()) {
         ssize_t const count = ::write(descriptor_, bytes.data(), bytes.size());
         if (count == -1 && errno == EINTR) {
+            continue;
+        }
+        if (count == -1 && errno == EAGAIN) {
+            waitUntilWritable();
             continue;
         }
         if (count <= 0) {

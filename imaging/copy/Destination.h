@@ -4,6 +4,7 @@
 #include "imaging/OutputFile.h"
 #include "imaging/copy/Descriptor.h"
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <span>
@@ -25,6 +26,9 @@ public:
     /// Makes sure that a stretch reads as zeros.
     /// @throws VolumeError  as write
     virtual void zero(std::uint64_t offset, std::uint64_t length) = 0;
+
+    /// Called from another thread: a write that waits gives up soon, and throws.
+    virtual void cancel() {}
 
     /// Makes the copy durable and gives it its name. Without it, a file never appears.
     /// @throws VolumeError  that failed
@@ -52,8 +56,9 @@ private:
 /// A block device. What lies past the volume's size on it is left alone.
 class DeviceDestination : public Destination {
 public:
-    /// @throws VolumeError  it is no block device, is in use, is too small, or is the volume itself
-    DeviceDestination(std::string const& path, std::string const& source, std::uint64_t size);
+    /// @param start  byte of the source where the volume begins
+    /// @throws VolumeError  it is no block device, is in use, is too small, or shares bytes with the volume itself
+    DeviceDestination(std::string const& path, std::string const& source, std::uint64_t size, std::uint64_t start = 0);
 
     void write(std::uint64_t offset, std::span<std::uint8_t const> bytes) override;
     void zero(std::uint64_t offset, std::uint64_t length) override;
@@ -70,6 +75,9 @@ public:
     /// @param descriptor  not owned
     /// @param size        bytes of the volume
     StreamDestination(int descriptor, std::string name, std::uint64_t size);
+    ~StreamDestination() override;
+
+    void cancel() override { isCancelled_ = true; }
 
     void write(std::uint64_t offset, std::span<std::uint8_t const> bytes) override;
     void zero(std::uint64_t offset, std::uint64_t length) override;
@@ -77,12 +85,15 @@ public:
 
 private:
     void put(std::span<std::uint8_t const> bytes);
+    void waitUntilWritable() const;
     void fillTo(std::uint64_t offset);
 
     int descriptor_;
     std::string name_;
     std::uint64_t size_;
     std::uint64_t done_ = 0;
+    int flags_; ///< of the descriptor, before it was told not to wait; -1 when it was left alone
+    std::atomic<bool> isCancelled_{false};
 };
 
 } // namespace imaging

@@ -23,7 +23,11 @@ Digest digestVolume(VolumeMap& map, Source const& source, std::string const& pat
     for (std::uint64_t const number : {geometry.unitSize, geometry.units, geometry.start}) {
         hash.add(number);
     }
-    ContentHasher hasher(source, path);
+    ContentHasher hasher(source, path, [&progress] {
+        if (progress) {
+            progress(0); // a chunk of the map may stand for hours of reading
+        }
+    });
     std::uint64_t const end = std::min(map.volumeSize(), geometry.start + geometry.bytes);
     auto const add = [&](Run const& run) {
         if (!run.used) {

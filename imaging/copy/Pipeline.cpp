@@ -1,9 +1,20 @@
 // The thread that writes.
 #include "imaging/copy/Pipeline.h"
 
+#include <chrono>
+#include <utility>
+
 namespace imaging {
 
-Pipeline::Pipeline(Source const& source, Destination& destination) : destination_(destination) {
+namespace {
+
+/// How often somebody who waits looks whether to go on.
+constexpr std::chrono::milliseconds kLook{100};
+
+} // namespace
+
+Pipeline::Pipeline(Source const& source, Destination& destination, std::function<void()> idle)
+    : destination_(destination), idle_(std::move(idle)) {
     for (std::size_t i = 0; i < kBatches; ++i) {
         empty_.push_back(std::make_unique<Batch>(source));
     }
@@ -16,12 +27,24 @@ Pipeline::~Pipeline() {
         isStopped_ = true;
     }
     changed_.notify_all();
+    destination_.cancel();
     writer_.join();
+}
+
+template <typename Condition>
+void Pipeline::waitFor(std::unique_lock<std::mutex>& lock, Condition const& condition) {
+    while (!changed_.wait_for(lock, kLook, condition)) {
+        if (idle_) {
+            lock.unlock();
+            idle_();
+            lock.lock();
+        }
+    }
 }
 
 std::unique_ptr<Batch> Pipeline::acquire() {
     std::unique_lock lock(mutex_);
-    changed_.wait(lock, [this] { return !empty_.empty() || error_; });
+    waitFor(lock, [this] { return !empty_.empty() || error_; });
     if (error_) {
         std::rethrow_exception(error_);
     }
@@ -40,7 +63,7 @@ void Pipeline::submit(std::unique_ptr<Batch> batch) {
 
 void Pipeline::drain() {
     std::unique_lock lock(mutex_);
-    changed_.wait(lock, [this] { return empty_.size() == kBatches || error_; });
+    waitFor(lock, [this] { return empty_.size() == kBatches || error_; });
     if (error_) {
         std::rethrow_exception(error_);
     }

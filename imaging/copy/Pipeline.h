@@ -8,6 +8,7 @@
 #include <condition_variable>
 #include <deque>
 #include <exception>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -33,7 +34,8 @@ struct Batch {
 class Pipeline {
 public:
     /// @param source, destination  not owned; the destination is used by the pipeline's thread until drain()
-    Pipeline(Source const& source, Destination& destination);
+    /// @param idle  called now and then while the writing is waited for; what it throws ends the waiting
+    Pipeline(Source const& source, Destination& destination, std::function<void()> idle = {});
     Pipeline(Pipeline const&) = delete;
     Pipeline& operator=(Pipeline const&) = delete;
     /// Stops without writing what still waits.
@@ -53,10 +55,13 @@ public:
 private:
     static constexpr std::size_t kBatches = 4;
 
+    template <typename Condition>
+    void waitFor(std::unique_lock<std::mutex>& lock, Condition const& condition);
     void run();
     void write(Batch& batch);
 
     Destination& destination_;
+    std::function<void()> idle_;
     std::mutex mutex_;
     std::condition_variable changed_;
     std::deque<std::unique_ptr<Batch>> empty_;

@@ -35,6 +35,12 @@ bool isListed(fdisk_partition* partition) {
            fdisk_partition_has_partno(partition) != 0;
 }
 
+/// Tables may name sectors whose bytes nobody can number.
+bool isAddressable(fdisk_partition* partition, std::uint64_t sectorSize) {
+    std::uint64_t const most = (std::uint64_t{1} << 62) / sectorSize;
+    return fdisk_partition_get_start(partition) < most && fdisk_partition_get_size(partition) < most;
+}
+
 } // namespace
 
 std::optional<PartitionTable> readPartitionTable(std::string const& path) {
@@ -55,7 +61,7 @@ std::optional<PartitionTable> readPartitionTable(std::string const& path) {
                         {}};
     fdisk_partition* partition = nullptr;
     while (fdisk_table_next_partition(table.get(), iterator.get(), &partition) == 0) {
-        if (isListed(partition) && !isProtective(partition, disk.kind)) {
+        if (isListed(partition) && isAddressable(partition, disk.sectorSize) && !isProtective(partition, disk.kind)) {
             fdisk_parttype const* const type = fdisk_partition_get_type(partition);
             disk.partitions.push_back({fdisk_partition_get_partno(partition) + 1,
                                        fdisk_partition_get_start(partition) * disk.sectorSize,

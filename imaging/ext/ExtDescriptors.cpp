@@ -35,8 +35,14 @@ std::optional<std::string> findMisplacedBitmap(Volume& volume, DescriptorTable c
         for (std::uint64_t i = 0; i < count; ++i) {
             auto const descriptor = std::span(piece).subspan(i * table.descriptorSize, table.descriptorSize);
             std::uint64_t const location = bitmapLocation(descriptor);
+            bool const isUninitialised = (descriptor[0x12] & kBitmapUninitialised) != 0;
+            if (isUninitialised && !table.mayBeUninitialised) {
+                return "the descriptor of group " + std::to_string(first + i) +
+                       " says that its block bitmap is not initialised (0x2), and the volume has no feature for that: "
+                       "the parser would take the group for free";
+            }
             bool const isPossible = location > table.firstDataBlock && location < table.blocks;
-            if ((descriptor[0x12] & kBitmapUninitialised) == 0 && !isPossible) {
+            if (!isUninitialised && !isPossible) {
                 return "the descriptor of group " + std::to_string(first + i) + " puts its block bitmap at block " +
                        std::to_string(location) + ", where none can be (the volume has " +
                        std::to_string(table.blocks) + " blocks)";

@@ -16,9 +16,11 @@ struct DescriptorTable {
     std::uint64_t descriptorSize; ///< bytes, at least 32
     std::uint64_t firstDataBlock;
     std::uint64_t blocks;
+    bool mayBeUninitialised; ///< the volume has the feature under which a bitmap need not be initialised
 };
 
-/// The first group whose block bitmap lies where no bitmap can be, as one clause; nothing when all are sound. Groups
+/// The first group whose block bitmap lies where no bitmap can be, or is marked as not initialised on a volume that has
+/// no such feature, as one clause; nothing when all are sound. Groups
 /// whose bitmap is not initialised have none. Bits read from a wrong place would free blocks that are in use.
 /// @throws VolumeError  the table cannot be read
 std::optional<std::string> findMisplacedBitmap(Volume& volume, DescriptorTable const& table);

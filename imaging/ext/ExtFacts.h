@@ -20,6 +20,8 @@ inline constexpr std::uint32_t kIncompat64Bit = 0x80;
 inline constexpr std::uint32_t kRoCompatBigalloc = 0x200;
 
 inline constexpr std::uint32_t kRoCompatSparseSuper = 0x1;
+inline constexpr std::uint32_t kRoCompatGdtCsum = 0x10;
+inline constexpr std::uint32_t kRoCompatMetadataCsum = 0x400;
 inline constexpr std::uint32_t kCompatSparseSuper2 = 0x200;
 
 /// In s_state: the volume was unmounted cleanly; errors were found.
@@ -79,8 +81,11 @@ inline Facts parse(std::span<std::uint8_t const> super) {
 inline DescriptorTable tableOf(Facts const& facts) {
     std::uint64_t const inGroups = facts.blocks - std::min<std::uint64_t>(facts.blocks, facts.firstDataBlock);
     return {facts.blockSize() * (std::uint64_t{facts.firstDataBlock} + 1),
-            (inGroups + facts.blocksPerGroup - 1) / facts.blocksPerGroup, facts.descriptorSize, facts.firstDataBlock,
-            facts.blocks};
+            (inGroups + facts.blocksPerGroup - 1) / facts.blocksPerGroup,
+            facts.descriptorSize,
+            facts.firstDataBlock,
+            facts.blocks,
+            (facts.readOnlyCompatible & (kRoCompatGdtCsum | kRoCompatMetadataCsum)) != 0};
 }
 
 /// Reads the superblock.

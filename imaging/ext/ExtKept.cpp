@@ -87,10 +87,27 @@ private:
     std::vector<ByteRange> ranges_;
 };
 
+/// Reads the descriptors, a piece at a time.
+template <typename Visit>
+void forEachDescriptor(Volume& volume, DescriptorTable const& table, Visit const& visit) {
+    std::uint64_t const inPiece = std::max<std::uint64_t>(kPieceBytes / table.descriptorSize, 1);
+    for (std::uint64_t first = 0; first < table.groups; first += inPiece) {
+        std::uint64_t const count = std::min(inPiece, table.groups - first);
+        std::vector<std::uint8_t> const piece =
+            volume.readBytes(table.offset + first * table.descriptorSize, count * table.descriptorSize);
+        for (std::uint64_t i = 0; i < count; ++i) {
+            visit(first + i, std::span(piece).subspan(i * table.descriptorSize, table.descriptorSize));
+        }
+    }
+}
+
 } // namespace
 
 std::vector<ByteRange> alwaysKept(Volume& volume) {
     Facts const facts = readFacts(volume);
+    if (facts.blocksPerGroup == 0) {
+        return {}; // the parser refuses such a volume
+    }
     DescriptorTable const table = tableOf(facts);
     Collector kept(facts, table);
     if (table.groups > kMostGroups) {
@@ -98,18 +115,12 @@ std::vector<ByteRange> alwaysKept(Volume& volume) {
         return kept.take();
     }
     kept.addBlocks(0, facts.firstDataBlock);
-    std::uint64_t const inPiece = std::max<std::uint64_t>(kPieceBytes / table.descriptorSize, 1);
-    for (std::uint64_t first = 0; first < table.groups; first += inPiece) {
-        std::uint64_t const count = std::min(inPiece, table.groups - first);
-        std::vector<std::uint8_t> const piece =
-            volume.readBytes(table.offset + first * table.descriptorSize, count * table.descriptorSize);
-        for (std::uint64_t i = 0; i < count; ++i) {
-            kept.addDescriptor(std::span(piece).subspan(i * table.descriptorSize, table.descriptorSize));
-            if (hasSuperBlock(facts, first + i)) {
-                kept.addSuperBlock(first + i);
-            }
+    forEachDescriptor(volume, table, [&](std::uint64_t group, std::span<std::uint8_t const> descriptor) {
+        kept.addDescriptor(descriptor);
+        if (hasSuperBlock(facts, group)) {
+            kept.addSuperBlock(group);
         }
-    }
+    });
     return kept.take();
 }
 

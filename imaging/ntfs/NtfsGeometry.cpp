@@ -13,6 +13,9 @@ namespace {
 /// A chunk asks for a few records again; long chunks make that cheap.
 constexpr std::uint64_t kChunkBytes = std::uint64_t{4} << 20;
 
+constexpr unsigned long kMftRecord = 0;
+constexpr unsigned long kMirrorRecord = 1;
+constexpr unsigned long kLogRecord = 2;
 constexpr unsigned long kVolumeRecord = 3;
 constexpr unsigned long kBitmapRecord = 6;
 
@@ -164,6 +167,24 @@ std::optional<std::string> uncleanReason(Probe const& parser, Boot const& boot, 
     }
 }
 
+/// What no sound map calls free: the clusters of $MFT, $MFTMirr and $LogFile.
+std::vector<ByteRange> metadataRanges(Probe& parser, std::uint64_t clusterSize, std::string const& path) {
+    std::vector<ByteRange> ranges;
+    try {
+        for (unsigned long const record : {kMftRecord, kMirrorRecord, kLogRecord}) {
+            for (agent::BlockRange const& run : parser.extents(record)) {
+                if (run.first >= 0 && run.count > 0) {
+                    auto const first = static_cast<std::uint64_t>(run.first) * clusterSize;
+                    ranges.push_back({first, first + static_cast<std::uint64_t>(run.count) * clusterSize});
+                }
+            }
+        }
+    } catch (std::exception const& error) {
+        throw VolumeError(Trouble::Io, path + ": the records of its own files cannot be read: " + error.what());
+    }
+    return ranges;
+}
+
 Geometry readGeometry(Volume& volume, Boot const& boot) {
     Geometry geometry;
     geometry.unitSize = boot.clusterSize();
@@ -199,8 +220,11 @@ Answerer open(Volume& volume) {
         volume.logger().takeReason(""); // the reason is told in its own words
         return allUsed(std::move(geometry));
     }
-    Probe const* const probe = parser.get();
+    Probe* const probe = parser.get();
     Answerer answerer{std::move(geometry), nullptr, std::move(parser)};
+    answerer.mustBeUsed = [probe, size = answerer.geometry.unitSize, path = volume.path()] {
+        return metadataRanges(*probe, size, path);
+    };
     answerer.uncleanReason = [probe, boot, path = volume.path()] { return uncleanReason(*probe, boot, path); };
     return answerer;
 }

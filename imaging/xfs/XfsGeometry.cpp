@@ -236,6 +236,11 @@ Answerer open(Volume& volume) {
     Answerer answerer{std::move(geometry), nullptr, std::move(parser)};
     answerer.alwaysKept = [journal, facts] { return alwaysKept(journal, facts); };
     answerer.mustBeUsed = answerer.alwaysKept;
+    answerer.alwaysKept = [journal, facts, listed = std::move(headers.listed)] {
+        std::vector<ByteRange> ranges = alwaysKept(journal, facts);
+        ranges.insert(ranges.end(), listed.begin(), listed.end());
+        return ranges;
+    };
     answerer.freeCounts = std::move(headers.freeCounts);
     answerer.uncleanReason = [&volume, journal, facts] { return uncleanReason(volume, journal, facts); };
     return answerer;

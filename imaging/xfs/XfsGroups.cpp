@@ -20,6 +20,11 @@ constexpr std::size_t kListLast = 44;
 constexpr std::size_t kListCount = 48;
 constexpr std::size_t kFreeBlocks = 52;
 
+/// The free list lies in the fourth sector, after a header where metadata carry checksums.
+constexpr std::uint64_t kListSector = 3;
+constexpr std::uint64_t kListHeader = 36;
+constexpr std::uint64_t kEntryBytes = 4;
+
 /// Entries of a free list that the parser reads.
 constexpr std::uint64_t kEntriesRead = 128;
 constexpr std::uint64_t kEntriesReadWithChecksums = 119;
@@ -53,6 +58,25 @@ std::uint64_t markedEntries(std::span<std::uint8_t const> header, bool hasChecks
     return first < end ? end - first : 0;
 }
 
+void addListed(Volume& volume, GroupLayout const& layout, std::uint64_t group, std::span<std::uint8_t const> header,
+               std::vector<ByteRange>& listed) {
+    std::uint64_t const entries = markedEntries(header, layout.hasChecksums);
+    if (entries == 0) {
+        return;
+    }
+    std::uint64_t const start = group * layout.groupBlocks;
+    std::uint64_t const first = loadBig(header, kListFirst, 4);
+    std::uint64_t const list = start * layout.blockSize + kListSector * layout.sectorSize +
+                               (layout.hasChecksums ? kListHeader : 0) + first * kEntryBytes;
+    std::vector<std::uint8_t> const bytes = volume.readBytes(list, entries * kEntryBytes);
+    for (std::uint64_t i = 0; i < entries; ++i) {
+        std::uint64_t const block = start + loadBig(bytes, i * kEntryBytes, kEntryBytes);
+        if (block < layout.blocks) {
+            listed.push_back({block * layout.blockSize, (block + 1) * layout.blockSize});
+        }
+    }
+}
+
 } // namespace
 
 GroupHeaders readGroupHeaders(Volume& volume, GroupLayout const& layout) {
@@ -68,6 +92,7 @@ GroupHeaders readGroupHeaders(Volume& volume, GroupLayout const& layout) {
         if ((result.notBelieved = findOdd(header, group, length))) {
             return result;
         }
+        addListed(volume, layout, group, header, result.listed);
         result.freeCounts.push_back(
             {length, loadBig(header, kFreeBlocks, 4) + markedEntries(header, layout.hasChecksums)});
     }

@@ -25,6 +25,9 @@ struct GroupHeaders {
     /// parser marks.
     std::vector<FreeCount> freeCounts;
 
+    /// The blocks of the free lists: the parser calls them free, and they are kept for the trees' own growth.
+    std::vector<ByteRange> listed;
+
     /// The first header under which the parser would mark blocks that are in use, as one clause. The parser does not
     /// look at a free list's count: of a list that is empty or shorter than its two ends say, old entries would count.
     std::optional<std::string> notBelieved;

@@ -129,7 +129,7 @@ void expectRefusal(NoisyBlocks const& volume, std::vector<std::string> arguments
 TEST(CommandCopy, AnExistingFileIsOnlyReplacedWhenAskedTo) {
     NoisyBlocks const volume;
     std::string const copy = writeFile(volume.file("copy"), {1, 2, 3});
-    expectRefusal(volume, {volume.path, copy}, copy + ": is left alone: File exists");
+    expectRefusal(volume, {volume.path, copy}, copy + ": exists, and is left alone without --force");
     EXPECT_EQ(readFile(copy), (std::vector<std::uint8_t>{1, 2, 3}));
     EXPECT_EQ(fsparser({"copy", "--force", volume.path, copy}).exitCode, 0);
     EXPECT_TRUE(readFile(copy) == volume.expected());

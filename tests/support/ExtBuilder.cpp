@@ -30,6 +30,7 @@ std::vector<std::uint8_t> makeSuperBlock(ExtGeometry const& geometry) {
     store(&super[ext_super::kLogBlockSize], geometry.logBlockSize, 4);
     store(&super[ext_super::kBlocksPerGroup], geometry.blocksPerGroup, 4);
     store(&super[ext_super::kMagic], kMagicValue, 2);
+    store(&super[ext_super::kReadOnlyFeatures], ext_super::kChecksummedDescriptors, 4);
     store(&super[ext_super::kIncompatibleFeatures], geometry.is64Bit ? kExt64Bit : 0, 4);
     store(&super[ext_super::kDescriptorSize], geometry.descriptorSize, 2);
     return super;

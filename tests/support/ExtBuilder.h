@@ -17,8 +17,12 @@ inline constexpr std::uint64_t kLogBlockSize = 0x18;
 inline constexpr std::uint64_t kBlocksPerGroup = 0x20;
 inline constexpr std::uint64_t kMagic = 0x38;
 inline constexpr std::uint64_t kIncompatibleFeatures = 0x60;
+inline constexpr std::uint64_t kReadOnlyFeatures = 0x64;
 inline constexpr std::uint64_t kDescriptorSize = 0xFE;
 inline constexpr std::uint64_t kBlocksCountHigh = 0x150;
+
+/// The feature under which a group's bitmap need not be initialised.
+inline constexpr std::uint32_t kChecksummedDescriptors = 0x10;
 } // namespace ext_super
 
 /// A group descriptor's bytes, relative to the descriptor.

@@ -37,7 +37,7 @@ protected:
             .setSuper32(kRevision, 1)
             .setSuper32(kInodesPerGroup, 64)
             .setSuper16(kInodeSize, 128)
-            .setSuper32(kReadOnlyCompatible, readOnlyCompatible);
+            .setSuper32(kReadOnlyCompatible, readOnlyCompatible | ext_super::kChecksummedDescriptors);
     }
 
     static void putDescriptor(ExtBuilder& builder, std::uint64_t group, std::uint64_t field, std::uint32_t block) {
