@@ -1,5 +1,6 @@
 // Volumes that are none: one line that names the path and the reason, the right exit code, no data, nothing written.
 #include "command/Fsparser.h"
+#include "support/Sanitized.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -17,14 +18,6 @@ using namespace tests;
 using testing::AllOf;
 using testing::EndsWith;
 using testing::HasSubstr;
-
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kIsSanitized = true;
-#elif defined(__has_feature)
-constexpr bool kIsSanitized = __has_feature(address_sanitizer);
-#else
-constexpr bool kIsSanitized = false;
-#endif
 
 /// The most resident memory that a bad volume may cost.
 constexpr std::uint64_t kMostMemory = std::uint64_t{200} << 20;

@@ -1,6 +1,7 @@
 // How the verb `copy` tells its progress, and what it takes: memory on volumes of many terabytes.
 #include "command/Fsparser.h"
 #include "command/Terminal.h"
+#include "support/Sanitized.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -108,6 +109,12 @@ TEST(CommandCopyProgress, NeverMeansNoLineOnATerminalEither) {
 /// Volumes whose map is larger than the memory that a copy may take.
 class CommandCopyMemory : public testing::Test {
 protected:
+    void SetUp() override {
+        if (kIsSanitized) {
+            GTEST_SKIP() << "the sanitizer's own memory would be measured";
+        }
+    }
+
     /// A file that is one hole; false where the file system does not take it.
     bool makeFile(std::uint64_t size) {
         std::ofstream(path).flush();

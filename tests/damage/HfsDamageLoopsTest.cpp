@@ -1,6 +1,7 @@
 // Extents-overflow trees that lead in circles or ask for the impossible: they end, soon, in little memory.
 #include "support/HfsRun.h"
 #include "support/ResidentMemory.h"
+#include "support/Sanitized.h"
 
 #include <chrono>
 #include <gmock/gmock.h>
@@ -114,11 +115,7 @@ HfsNode indexNode() {
 }
 
 /// The address sanitizer keeps what was freed, up to 256 MiB, and as much again around it.
-#ifdef __SANITIZE_ADDRESS__
-constexpr std::size_t kMostMemory = std::size_t{1024} << 20;
-#else
-constexpr std::size_t kMostMemory = std::size_t{128} << 20;
-#endif
+constexpr std::size_t kMostMemory = std::size_t{kIsSanitized ? 2048 : 128} << 20;
 
 constexpr std::chrono::seconds kMostTime{30}; // far more than it takes, for slow machines and sanitizers
 
