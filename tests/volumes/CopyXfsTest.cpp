@@ -76,7 +76,13 @@ void makeMounted(XfsRecipe const& recipe, Path const& directory) {
 }
 
 SpaceAnswer askXfs(std::string const& volume) {
-    XfsAnswers const answers = askXfsDb(volume);
+    XfsAnswers answers = askXfsDb(volume);
+    // xfs_db lists the blocks of the free lists as free; a copy keeps them.
+    for (std::size_t group = 0; group < answers.groups.size(); ++group) {
+        for (std::uint64_t const block : answers.groups[group].listEntries) {
+            answers.used.at(group * answers.groupBlocks + block) = true;
+        }
+    }
     return {answers.used, answers.blockSize, 0};
 }
 
