@@ -4,6 +4,7 @@
 #include "agent/core/fs/EXTParser.h"
 #include "imaging/Detection.h"
 #include "imaging/Error.h"
+#include "imaging/Hexadecimal.h"
 #include "imaging/ext/ExtDescriptors.h"
 #include "imaging/ext/ExtFacts.h"
 #include "imaging/ext/ExtKept.h"
@@ -11,7 +12,6 @@
 #include <algorithm>
 #include <array>
 #include <bit>
-#include <cstdio>
 #include <string>
 
 namespace imaging::ext {
@@ -30,12 +30,6 @@ constexpr std::uint64_t kLongestChunk = std::uint64_t{32} << 20;
 /// recover, extents, 64bit, mmp, flex_bg, ea_inode, dirdata, csum_seed, largedir, inline_data, encrypt, casefold.
 constexpr std::uint32_t kIncompatHarmless =
     0x1 | 0x2 | 0x4 | 0x40 | 0x80 | 0x100 | 0x200 | 0x400 | 0x1000 | 0x2000 | 0x4000 | 0x8000 | 0x10000 | 0x20000;
-
-std::string hexadecimal(std::uint64_t value) {
-    std::array<char, 32> text{};
-    std::snprintf(text.data(), text.size(), "0x%llx", static_cast<unsigned long long>(value));
-    return text.data();
-}
 
 /// One condition under which the parser's map is not the truth.
 struct Limit {

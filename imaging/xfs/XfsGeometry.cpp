@@ -3,14 +3,13 @@
 
 #include "agent/core/fs/XFSParser.h"
 #include "imaging/Detection.h"
+#include "imaging/Hexadecimal.h"
 #include "imaging/LoadInteger.h"
 #include "imaging/xfs/XfsGroups.h"
 #include "imaging/xfs/XfsLog.h"
 
 #include <algorithm>
-#include <array>
 #include <bit>
-#include <cstdio>
 
 namespace imaging::xfs {
 
@@ -76,12 +75,6 @@ Facts parse(std::span<std::uint8_t const> super) {
     facts.inProgress = super[0x7E];
     facts.incompatible = facts.versionNumber() == 5 ? loadBig(super, 0xD8, 4) : 0;
     return facts;
-}
-
-std::string hexadecimal(std::uint64_t value) {
-    std::array<char, 32> text{};
-    std::snprintf(text.data(), text.size(), "0x%llx", static_cast<unsigned long long>(value));
-    return text.data();
 }
 
 bool isPowerBetween(std::uint64_t value, std::uint64_t smallest, std::uint64_t largest) {
