@@ -21,8 +21,15 @@ namespace imaging {
 
 /// How many free units a stretch has by the volume's own count.
 struct FreeCount {
-    std::uint64_t units; ///< the stretch begins where the one before it ends, the first at unit 0
+    std::uint64_t units; ///< the stretch begins where the one before it ends
     std::uint64_t free;
+};
+
+/// The volume's own counts of free units.
+struct FreeCounts {
+    std::uint64_t first = 0; ///< unit where the first stretch begins
+    std::vector<FreeCount> stretches = {};
+    bool areOfGroups = true; ///< a stretch is a group of the file system; else there is one, the whole volume
 };
 
 /// What each file system's folder makes of a volume.
@@ -42,8 +49,8 @@ struct Answerer {
     /// @throws VolumeError  the volume cannot be read for it
     std::function<std::vector<ByteRange>()> mustBeUsed = nullptr;
 
-    /// What the map is held against, stretch by stretch; empty for nothing.
-    std::vector<FreeCount> freeCounts = {};
+    /// What the map is held against, stretch by stretch.
+    FreeCounts freeCounts = {};
 
     /// Names what the volume says of itself when it was not cleanly unmounted, as one clause; empty for nothing.
     /// @throws VolumeError  the volume cannot be read for it

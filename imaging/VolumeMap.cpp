@@ -109,10 +109,11 @@ private:
 /// Counts the free units of each stretch and compares them with the volume's own count.
 class Audit {
 public:
-    explicit Audit(std::vector<FreeCount> const& counts) : counts_(counts) {}
+    explicit Audit(FreeCounts const& counts) : first_(counts.first), counts_(counts.stretches) {}
 
     void add(Run const& run) {
-        for (std::uint64_t left = run.count; left != 0 && stretch_ < counts_.size();) {
+        std::uint64_t const before = run.first < first_ ? std::min(run.count, first_ - run.first) : 0;
+        for (std::uint64_t left = run.count - before; left != 0 && stretch_ < counts_.size();) {
             std::uint64_t const piece = std::min(left, counts_[stretch_].units - done_);
             free_ += run.used ? 0 : piece;
             done_ += piece;
@@ -141,6 +142,7 @@ private:
         free_ = 0;
     }
 
+    std::uint64_t first_;
     std::vector<FreeCount> const& counts_;
     std::size_t stretch_ = 0;
     std::uint64_t done_ = 0; ///< units of the stretch
@@ -190,15 +192,17 @@ MapTotals VolumeMap::walk(RunSink const& sink, Progress const& progress) {
     if (corrector.firstFault()) {
         totals.isDoubtful = true;
         totals.warnings.push_back(volume_.path() + ": the map calls unit " + std::to_string(*corrector.firstFault()) +
-                                  " free, which holds the file system's own headers or its journal; those count as "
-                                  "used, and the rest of the map is not to be trusted");
+                                  " free, which holds the file system's own structures; those count as used, and the "
+                                  "rest of the map is not to be trusted");
     }
     if (audit.fault()) {
         totals.isDoubtful = true;
+        bool const isGroup = answerer_.freeCounts.areOfGroups;
         totals.warnings.push_back(volume_.path() + ": the map has " + std::to_string(audit.fault()->inMap) +
-                                  " free units in group " + std::to_string(audit.fault()->stretch) +
-                                  ", and the group's own header counts " + std::to_string(audit.fault()->byVolume) +
-                                  ": the map is not to be trusted");
+                                  " free units" +
+                                  (isGroup ? " in group " + std::to_string(audit.fault()->stretch) : "") +
+                                  ", and the " + (isGroup ? "group" : "volume") + "'s own header counts " +
+                                  std::to_string(audit.fault()->byVolume) + ": the map is not to be trusted");
     }
     return totals;
 }

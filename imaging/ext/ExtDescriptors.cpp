@@ -4,8 +4,6 @@
 #include "imaging/LoadInteger.h"
 
 #include <algorithm>
-#include <span>
-#include <vector>
 
 namespace imaging::ext {
 
@@ -14,42 +12,78 @@ namespace {
 /// Bytes of descriptors looked at together.
 constexpr std::uint64_t kPieceBytes = std::uint64_t{1} << 20;
 
+constexpr std::size_t kFlags = 0x12;
 constexpr std::uint64_t kBitmapUninitialised = 0x02;
 
-/// Descriptors of this size and more hold the high half of the location at 0x20.
+/// Descriptors of this size and more hold the high halves of their numbers.
 constexpr std::uint64_t kLargeDescriptor = 64;
 
-std::uint64_t bitmapLocation(std::span<std::uint8_t const> descriptor) {
-    std::uint64_t const high = descriptor.size() >= kLargeDescriptor ? load(descriptor, 0x20, 4) : 0;
-    return high << 32 | load(descriptor, 0x00, 4);
+/// The longest group whose free blocks the low half of their number counts.
+constexpr std::uint64_t kMostCounted = 0xFFFF;
+
+/// More groups than the largest volume that the parser covers has; their counts would take too much memory.
+constexpr std::uint64_t kMostCounts = std::uint64_t{1} << 20;
+
+std::optional<std::string> findMisplacedBitmap(DescriptorTable const& table, std::uint64_t group,
+                                               Descriptor const& descriptor) {
+    if (descriptor.isUninitialised()) {
+        if (table.mayBeUninitialised) {
+            return std::nullopt;
+        }
+        return "the descriptor of group " + std::to_string(group) +
+               " says that its block bitmap is not initialised (0x2), and the volume has no feature for that: "
+               "the parser would take the group for free";
+    }
+    std::uint64_t const location = descriptor.blockBitmap();
+    if (location > table.firstDataBlock && location < table.blocks) {
+        return std::nullopt;
+    }
+    return "the descriptor of group " + std::to_string(group) + " puts its block bitmap at block " +
+           std::to_string(location) + ", where none can be (the volume has " + std::to_string(table.blocks) +
+           " blocks)";
 }
 
 } // namespace
 
-std::optional<std::string> findMisplacedBitmap(Volume& volume, DescriptorTable const& table) {
+bool Descriptor::isUninitialised() const {
+    return (bytes_[kFlags] & kBitmapUninitialised) != 0;
+}
+
+std::uint64_t Descriptor::wide(std::size_t low, std::size_t high, unsigned width) const {
+    std::uint64_t const upper = bytes_.size() >= kLargeDescriptor ? load(bytes_, high, width) : 0;
+    return upper << (8 * width) | load(bytes_, low, width);
+}
+
+void forEachDescriptor(Volume& volume, DescriptorTable const& table,
+                       std::function<bool(std::uint64_t, Descriptor const&)> const& visit) {
     std::uint64_t const inPiece = std::max<std::uint64_t>(kPieceBytes / table.descriptorSize, 1);
     for (std::uint64_t first = 0; first < table.groups; first += inPiece) {
         std::uint64_t const count = std::min(inPiece, table.groups - first);
         std::vector<std::uint8_t> const piece =
             volume.readBytes(table.offset + first * table.descriptorSize, count * table.descriptorSize);
         for (std::uint64_t i = 0; i < count; ++i) {
-            auto const descriptor = std::span(piece).subspan(i * table.descriptorSize, table.descriptorSize);
-            std::uint64_t const location = bitmapLocation(descriptor);
-            bool const isUninitialised = (descriptor[0x12] & kBitmapUninitialised) != 0;
-            if (isUninitialised && !table.mayBeUninitialised) {
-                return "the descriptor of group " + std::to_string(first + i) +
-                       " says that its block bitmap is not initialised (0x2), and the volume has no feature for that: "
-                       "the parser would take the group for free";
-            }
-            bool const isPossible = location > table.firstDataBlock && location < table.blocks;
-            if (!isUninitialised && !isPossible) {
-                return "the descriptor of group " + std::to_string(first + i) + " puts its block bitmap at block " +
-                       std::to_string(location) + ", where none can be (the volume has " +
-                       std::to_string(table.blocks) + " blocks)";
+            auto const bytes = std::span(piece).subspan(i * table.descriptorSize, table.descriptorSize);
+            if (!visit(first + i, Descriptor(bytes))) {
+                return;
             }
         }
     }
-    return std::nullopt;
+}
+
+GroupReport examineGroups(Volume& volume, DescriptorTable const& table) {
+    GroupReport report;
+    bool const hasCounts =
+        table.groups <= kMostCounts && (table.groupBlocks <= kMostCounted || table.descriptorSize >= kLargeDescriptor);
+    forEachDescriptor(volume, table, [&](std::uint64_t group, Descriptor const& descriptor) {
+        report.notBelieved = findMisplacedBitmap(table, group, descriptor);
+        if (hasCounts) {
+            std::uint64_t const start = table.firstDataBlock + group * table.groupBlocks;
+            std::uint64_t const blocks = std::min(table.groupBlocks, table.blocks - start);
+            report.freeBlocks.push_back({blocks, descriptor.isUninitialised() ? blocks : descriptor.freeBlocks()});
+        }
+        return !report.notBelieved;
+    });
+    return report;
 }
 
 } // namespace imaging::ext

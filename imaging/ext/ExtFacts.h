@@ -85,6 +85,7 @@ inline DescriptorTable tableOf(Facts const& facts) {
             facts.descriptorSize,
             facts.firstDataBlock,
             facts.blocks,
+            facts.blocksPerGroup,
             (facts.readOnlyCompatible & (kRoCompatGdtCsum | kRoCompatMetadataCsum)) != 0};
 }
 

@@ -162,14 +162,20 @@ Answerer open(Volume& volume) {
     if (volume.size() < geometry.units * geometry.unitSize) {
         volume.reader().forbidTail(); // the last unit of a truncated volume may cut through a table or a bitmap
     }
+    GroupReport groups;
     if (!geometry.notBelieved && facts.blocksPerGroup != 0) {
-        geometry.notBelieved = findMisplacedBitmap(volume, tableOf(facts));
+        groups = examineGroups(volume, tableOf(facts));
+        geometry.notBelieved = groups.notBelieved;
     }
     if (geometry.notBelieved) {
         return allUsed(std::move(geometry));
     }
     Answerer answerer{std::move(geometry), nullptr, makeParser<agent::core::fs::EXTParser>(volume)};
     answerer.alwaysKept = [&volume] { return alwaysKept(volume); };
+    answerer.mustBeUsed = [&volume] { return mustBeUsed(volume); };
+    if (!uncleanReason(facts)) {
+        answerer.freeCounts = {facts.firstDataBlock, std::move(groups.freeBlocks)}; // elsewhere they may be late
+    }
     answerer.uncleanReason = [facts] { return uncleanReason(facts); };
     return answerer;
 }

@@ -4,6 +4,7 @@
 #include "imaging/ext/ExtFacts.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace imaging::ext {
 
@@ -11,21 +12,6 @@ namespace {
 
 /// Volumes of more groups are kept as a whole: their list would take too much memory.
 constexpr std::uint64_t kMostGroups = std::uint64_t{1} << 21;
-
-/// Bytes of descriptors looked at together.
-constexpr std::uint64_t kPieceBytes = std::uint64_t{1} << 20;
-
-/// Descriptors of this size and more hold the high halves of their locations.
-constexpr std::uint64_t kLargeDescriptor = 64;
-
-/// Where in a descriptor the low and the high half of a location stand.
-struct Location {
-    std::size_t low;
-    std::size_t high;
-};
-constexpr Location kBlockBitmap{0x00, 0x20};
-constexpr Location kInodeBitmap{0x04, 0x24};
-constexpr Location kInodeTable{0x08, 0x28};
 
 bool isPowerOf(std::uint64_t number, std::uint64_t base) {
     std::uint64_t power = base;
@@ -49,22 +35,25 @@ bool hasSuperBlock(Facts const& facts, std::uint64_t group) {
     return group == 1 || isPowerOf(group, 3) || isPowerOf(group, 5) || isPowerOf(group, 7);
 }
 
-/// The kept ranges of a volume, as they are found.
+/// Where the volume's own structures lie.
 class Collector {
 public:
     Collector(Facts const& facts, DescriptorTable const& table) : facts_(facts), table_(table) {}
 
-    void addSuperBlock(std::uint64_t group) {
-        std::uint64_t const tableBytes = table_.groups * table_.descriptorSize;
-        std::uint64_t const tableBlocks = (tableBytes + facts_.blockSize() - 1) / facts_.blockSize();
-        addBlocks(facts_.firstDataBlock + group * facts_.blocksPerGroup, 1 + tableBlocks + facts_.reservedTableBlocks);
+    /// A copy of superblock and descriptors, with so many blocks behind it.
+    void addSuperBlock(std::uint64_t group, std::uint64_t more) {
+        std::uint64_t const first = facts_.firstDataBlock + group * facts_.blocksPerGroup;
+        addBlocks(first, 1 + blocksFor(table_.groups * table_.descriptorSize) + more);
     }
 
-    void addDescriptor(std::span<std::uint8_t const> descriptor) {
-        std::uint64_t const tableBytes = std::uint64_t{facts_.inodesPerGroup} * facts_.inodeSize;
-        addBlocks(locate(descriptor, kBlockBitmap), 1);
-        addBlocks(locate(descriptor, kInodeBitmap), 1);
-        addBlocks(locate(descriptor, kInodeTable), (tableBytes + facts_.blockSize() - 1) / facts_.blockSize());
+    /// A location before `lowest` is none.
+    void addDescriptor(Descriptor const& descriptor, std::uint64_t lowest) {
+        std::uint64_t const tableBlocks = blocksFor(std::uint64_t{facts_.inodesPerGroup} * facts_.inodeSize);
+        for (auto const& [first, count] :
+             {std::pair{descriptor.blockBitmap(), std::uint64_t{1}},
+              std::pair{descriptor.inodeBitmap(), std::uint64_t{1}}, std::pair{descriptor.inodeTable(), tableBlocks}}) {
+            addBlocks(first, first < lowest ? 0 : count);
+        }
     }
 
     void addBlocks(std::uint64_t first, std::uint64_t count) {
@@ -77,28 +66,30 @@ public:
     std::vector<ByteRange> take() { return normalized(std::move(ranges_), facts_.blocks * facts_.blockSize()); }
 
 private:
-    static std::uint64_t locate(std::span<std::uint8_t const> descriptor, Location location) {
-        std::uint64_t const high = descriptor.size() >= kLargeDescriptor ? load(descriptor, location.high, 4) : 0;
-        return high << 32 | load(descriptor, location.low, 4);
-    }
+    std::uint64_t blocksFor(std::uint64_t bytes) const { return (bytes + facts_.blockSize() - 1) / facts_.blockSize(); }
 
     Facts const& facts_;
     DescriptorTable const& table_;
     std::vector<ByteRange> ranges_;
 };
 
-/// Reads the descriptors, a piece at a time.
-template <typename Visit>
-void forEachDescriptor(Volume& volume, DescriptorTable const& table, Visit const& visit) {
-    std::uint64_t const inPiece = std::max<std::uint64_t>(kPieceBytes / table.descriptorSize, 1);
-    for (std::uint64_t first = 0; first < table.groups; first += inPiece) {
-        std::uint64_t const count = std::min(inPiece, table.groups - first);
-        std::vector<std::uint8_t> const piece =
-            volume.readBytes(table.offset + first * table.descriptorSize, count * table.descriptorSize);
-        for (std::uint64_t i = 0; i < count; ++i) {
-            visit(first + i, std::span(piece).subspan(i * table.descriptorSize, table.descriptorSize));
+/// What is left of ranges without what lies outside all groups, or in a group whose bitmap is not initialised.
+std::vector<ByteRange> inInitialised(std::vector<ByteRange> const& ranges, Facts const& facts,
+                                     std::vector<bool> const& isUninitialised) {
+    std::uint64_t const start = std::uint64_t{facts.firstDataBlock} * facts.blockSize();
+    std::uint64_t const groupBytes = std::uint64_t{facts.blocksPerGroup} * facts.blockSize();
+    std::vector<ByteRange> left;
+    for (ByteRange range : ranges) {
+        for (range.begin = std::max(range.begin, start); range.begin < range.end;) {
+            std::uint64_t const group = (range.begin - start) / groupBytes;
+            std::uint64_t const end = std::min(range.end, start + (group + 1) * groupBytes);
+            if (!isUninitialised[group]) {
+                left.push_back({range.begin, end});
+            }
+            range.begin = end;
         }
     }
+    return left;
 }
 
 } // namespace
@@ -115,13 +106,34 @@ std::vector<ByteRange> alwaysKept(Volume& volume) {
         return kept.take();
     }
     kept.addBlocks(0, facts.firstDataBlock);
-    forEachDescriptor(volume, table, [&](std::uint64_t group, std::span<std::uint8_t const> descriptor) {
-        kept.addDescriptor(descriptor);
+    forEachDescriptor(volume, table, [&](std::uint64_t group, Descriptor const& descriptor) {
+        kept.addDescriptor(descriptor, 0);
         if (hasSuperBlock(facts, group)) {
-            kept.addSuperBlock(group);
+            kept.addSuperBlock(group, facts.reservedTableBlocks);
         }
+        return true;
     });
     return kept.take();
+}
+
+std::vector<ByteRange> mustBeUsed(Volume& volume) {
+    Facts const facts = readFacts(volume);
+    if (facts.blocksPerGroup == 0) {
+        return {}; // the parser refuses such a volume
+    }
+    DescriptorTable const table = tableOf(facts);
+    if (table.groups > kMostGroups) {
+        return {}; // all of it is kept
+    }
+    Collector own(facts, table);
+    own.addSuperBlock(0, 0);
+    std::vector<bool> isUninitialised;
+    forEachDescriptor(volume, table, [&](std::uint64_t, Descriptor const& descriptor) {
+        isUninitialised.push_back(descriptor.isUninitialised());
+        own.addDescriptor(descriptor, facts.firstDataBlock + std::uint64_t{1});
+        return true;
+    });
+    return inInitialised(own.take(), facts, isUninitialised);
 }
 
 } // namespace imaging::ext

@@ -14,4 +14,9 @@ namespace imaging::ext {
 /// @throws VolumeError  the descriptors cannot be read
 std::vector<ByteRange> alwaysKept(Volume& volume);
 
+/// The first superblock and descriptors, bitmaps and inode tables, as far as they lie in groups whose block bitmap is
+/// initialised: there no sound map calls them free. The volume has groups.
+/// @throws VolumeError  the descriptors cannot be read
+std::vector<ByteRange> mustBeUsed(Volume& volume);
+
 } // namespace imaging::ext

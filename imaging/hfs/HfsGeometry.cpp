@@ -131,11 +131,6 @@ Reason findLooseEnds(Volume& volume, Embedded const& place, Header const& header
     return findOddTree(header, readerOf(volume, place));
 }
 
-/// The volume header, which lies in the first blocks.
-ByteRange headerBlock(Embedded const& place) {
-    return {place.start + kHeaderOffset, place.start + kHeaderOffset + kHeaderBytes};
-}
-
 /// The blocks that hold the volume header and its copy, which lies 1024 bytes before the end. What lies outside the
 /// blocks is kept of any volume.
 std::vector<ByteRange> alwaysKept(Embedded const& place, Header const& header) {
@@ -144,6 +139,23 @@ std::vector<ByteRange> alwaysKept(Embedded const& place, Header const& header) {
     std::uint64_t const headerEnd = (kHeaderOffset + kHeaderBytes + block - 1) / block * block;
     std::uint64_t const copy = end < kHeaderOffset ? 0 : (end - kHeaderOffset) / block * block;
     return {{place.start, place.start + std::min(headerEnd, end)}, {place.start + copy, place.start + end}};
+}
+
+/// What no sound map calls free: the header, and the volume's own files as far as it tells where they lie.
+std::vector<ByteRange> mustBeUsed(Embedded const& place, Header const& header) {
+    std::uint64_t const start = place.start + kHeaderOffset;
+    std::vector<ByteRange> ranges{{start, start + kHeaderBytes}};
+    auto const addFork = [&](Fork const& fork) {
+        for (Extent const& extent : fork.extents) {
+            std::uint64_t const first = std::min(extent.first, header.blocks);
+            std::uint64_t const end = first + std::min(extent.count, header.blocks - first);
+            ranges.push_back({place.start + first * header.blockSize, place.start + end * header.blockSize});
+        }
+    };
+    addFork(header.allocation);
+    addFork(header.overflow);
+    std::for_each(header.others.begin(), header.others.end(), addFork);
+    return ranges;
 }
 
 } // namespace
@@ -177,8 +189,11 @@ Answerer open(Volume& volume) {
     }
     Answerer answerer{std::move(geometry), std::move(reader), std::move(parser)};
     answerer.alwaysKept = [place, header] { return alwaysKept(place, header); };
-    answerer.mustBeUsed = [place] { return std::vector{headerBlock(place)}; };
+    answerer.mustBeUsed = [place, header] { return mustBeUsed(place, header); };
     answerer.uncleanReason = [&volume, place, header] { return uncleanReason(header, readerOf(volume, place)); };
+    if (wasUnmounted(header)) {
+        answerer.freeCounts = {0, {{header.blocks, header.freeBlocks}}, false}; // elsewhere the number may be late
+    }
     return answerer;
 }
 

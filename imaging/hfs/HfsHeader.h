@@ -47,6 +47,8 @@ struct Header {
     std::uint64_t journalInfoBlock;
     Fork allocation; ///< the allocation file
     Fork overflow;   ///< the extents-overflow file
+    std::uint64_t freeBlocks;
+    std::array<Fork, 3> others; ///< catalog, attributes and startup file
 };
 
 inline Fork parseFork(std::span<std::uint8_t const> bytes) {
@@ -66,7 +68,9 @@ inline Header parseHeader(std::span<std::uint8_t const> bytes) {
             loadBig(bytes, 4, 4),
             loadBig(bytes, 12, 4),
             parseFork(bytes.subspan(112, 80)),
-            parseFork(bytes.subspan(192, 80))};
+            parseFork(bytes.subspan(192, 80)),
+            loadBig(bytes, 48, 4),
+            {parseFork(bytes.subspan(272, 80)), parseFork(bytes.subspan(352, 80)), parseFork(bytes.subspan(432, 80))}};
 }
 
 } // namespace imaging::hfs

@@ -56,6 +56,10 @@ Reason findOpenJournal(Header const& header, ReadBytes const& read) {
 
 } // namespace
 
+bool wasUnmounted(Header const& header) {
+    return (header.attributes & kInconsistent) == 0 && (header.attributes & kUnmounted) != 0;
+}
+
 std::optional<std::string> uncleanReason(Header const& header, ReadBytes const& read) {
     if ((header.attributes & kJournaled) != 0) {
         if (Reason reason = findOpenJournal(header, read)) {

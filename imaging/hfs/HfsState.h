@@ -13,4 +13,7 @@ namespace imaging::hfs {
 /// @throws  whatever `read` throws
 std::optional<std::string> uncleanReason(Header const& header, ReadBytes const& read);
 
+/// Whether the header has the flag of a clean unmount and none of inconsistency: then its counts are up to date.
+bool wasUnmounted(Header const& header);
+
 } // namespace imaging::hfs

@@ -234,7 +234,7 @@ Answerer open(Volume& volume) {
         ranges.insert(ranges.end(), listed.begin(), listed.end());
         return ranges;
     };
-    answerer.freeCounts = std::move(headers.freeCounts);
+    answerer.freeCounts.stretches = std::move(headers.freeCounts);
     answerer.uncleanReason = [&volume, journal, facts] { return uncleanReason(volume, journal, facts); };
     return answerer;
 }

@@ -175,7 +175,7 @@ TEST(CommandOutput, AFullDiskIsOneSentenceAndExitCode1) {
 
 TEST(CommandOutput, AFullDiskIsNotBlamedOnTheVolumeWhenThereIsMuchToWrite) {
     TempDirectory const directory;
-    ExtBuilder const builder = makeSoundExtVolume(ExtGeometry::with4KiBBlocks(100000)).fillBitmapsAtRandom(3);
+    ExtBuilder const builder = makeSoundExtVolume(ExtGeometry::with4KiBBlocks(100000)).fillBitmapsAtRandom(3).markOwnBlocks();
     std::string const path = writeExtVolume(directory.file("volume"), builder);
     CommandOptions full = plainOptions();
     full.outputPath = "/dev/full";

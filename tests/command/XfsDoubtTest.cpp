@@ -72,9 +72,8 @@ TEST(CommandXfsDoubt, ARunThatReachesPastItsGroupLeavesTheNextGroupsHeaderUsed) 
     CommandResult const ranges = fsparser({"ranges", volume.path});
     EXPECT_EQ(ranges.exitCode, 4) << ranges;
     EXPECT_EQ(ranges.output, "0 100\n500 4\n540 460\n");
-    EXPECT_THAT(ranges.error, HasSubstr("the map calls unit 500 free, which holds the file system's own headers or "
-                                        "its journal; those count as used, and the rest of the map is not to be "
-                                        "trusted\n"));
+    EXPECT_THAT(ranges.error, HasSubstr("the map calls unit 500 free, which holds the file system's own structures; "
+                                        "those count as used, and the rest of the map is not to be trusted\n"));
 }
 
 TEST(CommandXfsDoubt, MoreFreeBlocksThanTheHeaderCountsAreSaid) {

@@ -61,6 +61,7 @@ ExtBuilder::ExtBuilder(ExtGeometry const& geometry) : geometry_(geometry) {
     for (std::uint64_t group = 0; group < geometry.groups(); ++group) {
         setBitmapLocation(group, bitmapBlock(group));
     }
+    countFreeBlocks();
 }
 
 std::uint32_t ExtBuilder::bitmapBlock(std::uint64_t group) const {
@@ -75,6 +76,7 @@ std::uint64_t ExtBuilder::bitmapOffset(std::uint64_t group) const {
 }
 
 ExtBuilder& ExtBuilder::setUsed(std::uint64_t block, bool used) {
+    addFreeBlocks(geometry_.groupOf(block), static_cast<int>(bitOf(block)) - static_cast<int>(used));
     std::uint64_t const bit = (block - geometry_.firstDataBlock) % geometry_.blocksPerGroup;
     std::uint8_t& byte = bytes.at(bitmapOffset(geometry_.groupOf(block)) + bit / 8);
     auto const mask = static_cast<std::uint8_t>(1U << (bit % 8));
@@ -94,7 +96,26 @@ ExtBuilder& ExtBuilder::fillBitmapsAtRandom(unsigned seed) {
     for (std::uint64_t at = bitmapOffset(0); at < bitmapOffset(geometry_.groups()); ++at) {
         bytes.at(at) = static_cast<std::uint8_t>(generator());
     }
+    countFreeBlocks();
     return *this;
+}
+
+ExtBuilder& ExtBuilder::markOwnBlocks() {
+    return setUsedFrom(geometry_.firstDataBlock, bitmapBlock(geometry_.groups()) - geometry_.firstDataBlock);
+}
+
+void ExtBuilder::addFreeBlocks(std::uint64_t group, int count) {
+    std::uint64_t const field = geometry_.descriptorOffset(group) + ext_group::kFreeBlocksLow;
+    put(field, get(field, 2) + static_cast<std::uint64_t>(count), 2);
+}
+
+void ExtBuilder::countFreeBlocks() {
+    for (std::uint64_t group = 0; group < geometry_.groups(); ++group) {
+        put(geometry_.descriptorOffset(group) + ext_group::kFreeBlocksLow, 0, 2);
+    }
+    for (std::uint64_t block = geometry_.firstDataBlock; block < geometry_.blocksCount; ++block) {
+        addFreeBlocks(geometry_.groupOf(block), bitOf(block) ? 0 : 1);
+    }
 }
 
 ExtBuilder& ExtBuilder::setFlags(std::uint64_t group, std::uint8_t flags) {
@@ -133,8 +154,12 @@ bool ExtBuilder::isUsed(std::uint64_t block) const {
     if ((get(geometry_.descriptorOffset(group) + ext_group::kFlags, 1) & ext_group::kBlocksUninitialised) != 0) {
         return false;
     }
+    return bitOf(block);
+}
+
+bool ExtBuilder::bitOf(std::uint64_t block) const {
     std::uint64_t const bit = (block - geometry_.firstDataBlock) % geometry_.blocksPerGroup;
-    return ((bytes.at(bitmapOffset(group) + bit / 8) >> (bit % 8)) & 1U) != 0;
+    return ((bytes.at(bitmapOffset(geometry_.groupOf(block)) + bit / 8) >> (bit % 8)) & 1U) != 0;
 }
 
 std::vector<bool> ExtBuilder::map() const {

@@ -28,6 +28,7 @@ inline constexpr std::uint32_t kChecksummedDescriptors = 0x10;
 /// A group descriptor's bytes, relative to the descriptor.
 namespace ext_group {
 inline constexpr std::uint64_t kBitmapLocationLow = 0x00;
+inline constexpr std::uint64_t kFreeBlocksLow = 0x0C;
 inline constexpr std::uint64_t kFlags = 0x12;
 inline constexpr std::uint64_t kBitmapLocationHigh = 0x20;
 inline constexpr std::uint8_t kInodesUninitialised = 0x01;
@@ -70,11 +71,16 @@ public:
     std::uint32_t bitmapBlock(std::uint64_t group) const;
     std::uint64_t bitmapOffset(std::uint64_t group) const;
 
+    /// Sets a block's bit; its group's number of free blocks follows.
     ExtBuilder& setUsed(std::uint64_t block, bool used = true);
     ExtBuilder& setUsedFrom(std::uint64_t first, std::uint64_t count);
 
-    /// Fills every bitmap, padding included, from a generator of a fixed seed: a pattern without symmetry.
+    /// Fills every bitmap, padding included, from a generator of a fixed seed: a pattern without symmetry. The groups'
+    /// numbers of free blocks follow.
     ExtBuilder& fillBitmapsAtRandom(unsigned seed);
+
+    /// Marks what the volume itself lies in, as a volume that is in use has it.
+    ExtBuilder& markOwnBlocks();
 
     ExtBuilder& setFlags(std::uint64_t group, std::uint8_t flags);
     ExtBuilder& setBitmapLocation(std::uint64_t group, std::uint32_t block);
@@ -101,6 +107,9 @@ public:
 private:
     void put(std::uint64_t offset, std::uint64_t value, unsigned width);
     std::uint64_t get(std::uint64_t offset, unsigned width) const;
+    bool bitOf(std::uint64_t block) const;
+    void addFreeBlocks(std::uint64_t group, int count);
+    void countFreeBlocks();
 
     ExtGeometry geometry_;
 };

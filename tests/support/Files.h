@@ -36,7 +36,7 @@ inline ExtBuilder& setGroupSize(ExtBuilder& builder, std::uint32_t blocks) {
 /// A volume whose superblock is sound in every field, also in those that no parser looks at.
 inline ExtBuilder makeSoundExtVolume(ExtGeometry const& geometry = {}) {
     ExtBuilder builder(geometry);
-    return setGroupSize(builder, geometry.blocksPerGroup);
+    return setGroupSize(builder.markOwnBlocks(), geometry.blocksPerGroup);
 }
 
 /// Writes an ext volume in its full size, of which only what the builder made takes room.

@@ -204,7 +204,7 @@ TEST_F(ImagingCopyKept, AnHfsPlusMapThatFreesTheHeaderIsNotTrustedAtAll) {
     copy(bytes);
     EXPECT_TRUE(copied == source);
     EXPECT_THAT(report.warnings,
-                ElementsAre(HasSubstr("the map calls unit 2 free, which holds the file system's own headers"),
+                ElementsAre(HasSubstr("the map calls unit 2 free, which holds the file system's own structures"),
                             path + ": everything is copied"));
     EXPECT_EQ(report.totals, (imaging::CopyTotals{source.size(), 0, 0}));
 }
