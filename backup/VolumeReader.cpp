@@ -45,6 +45,7 @@ private:
 };
 
 bool VolumeReader::Impl::open() {
+    int const before = errno;
     descriptor_ = ::open(path_.c_str(), O_RDONLY | O_DIRECT);
     lastError_ = 0;
     if (descriptor_ != -1) {
@@ -53,6 +54,7 @@ bool VolumeReader::Impl::open() {
     if (errno == EINVAL) {
         descriptor_ = ::open(path_.c_str(), O_RDONLY);
         if (descriptor_ != -1) {
+            errno = before; // the first try is nobody's failure
             return true;
         }
     }

@@ -21,7 +21,8 @@ using imaging::CopyReport;
 std::unique_ptr<imaging::Destination> openDestination(Options const& options, imaging::Volume const& volume) {
     std::uint64_t const size = volume.size();
     if (options.destination == "-") {
-        return std::make_unique<imaging::StreamDestination>(STDOUT_FILENO, "standard output", size);
+        return std::make_unique<imaging::StreamDestination>(STDOUT_FILENO, "standard output", size,
+                                                            [] { checkInterrupt(0); });
     }
     if (options.toDevice) {
         return std::make_unique<imaging::DeviceDestination>(options.destination, options.volume, size, volume.start());

@@ -5,8 +5,8 @@
 #include "cli/Summary.h"
 #include "imaging/Error.h"
 #include "imaging/OutputFile.h"
+#include "imaging/copy/TakenRanges.h"
 #include "imaging/formats/RangeFormat.h"
-#include "imaging/formats/TakenRanges.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -125,7 +125,7 @@ Warnings writeBytes(Options const& options, imaging::Volume& volume, imaging::Ra
     imaging::CopyPlan plan(volume, imaging::VolumeMap::Refused::IsError, options.unit);
     noteIfUnrecognized(console, volume);
     imaging::FileSource const source(volume.filePath(), volume.size(), volume.start());
-    imaging::TakenRanges ranges(plan, volume.path(), checkInterrupt);
+    imaging::TakenRanges ranges(plan, volume.path(), checkInterrupt, {"listed", "the list is not whole", true});
     auto const walk = [&ranges](imaging::FormatInput::RangeSink const& taken) { ranges.walk(taken); };
     format.write({volume.path(), volume.size(), source, walk, [] { checkInterrupt(0); }}, sink);
     return ranges.warnings();

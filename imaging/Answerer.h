@@ -9,6 +9,7 @@
 #include "imaging/Geometry.h"
 #include "imaging/Volume.h"
 
+#include <algorithm>
 #include <functional>
 #include <memory>
 #include <new>
@@ -49,6 +50,9 @@ struct Answerer {
     /// @throws VolumeError  the volume cannot be read for it
     std::function<std::vector<ByteRange>()> mustBeUsed = nullptr;
 
+    /// Names what counts as used although a sound map may call it free; empty for nothing. Ranges may overlap.
+    std::vector<ByteRange> countedAsUsed = {};
+
     /// What the map is held against, stretch by stretch.
     FreeCounts freeCounts = {};
 
@@ -85,10 +89,17 @@ std::unique_ptr<Parser> makeParser(Volume& volume, More const&... more) {
 /// Bytes of a chunk in which every bit is set.
 inline constexpr std::uint64_t kAllUsedChunk = std::uint64_t{1} << 20;
 
+/// The units that a header may claim although the volume ends before them. More are more than can be told one by one.
+inline constexpr std::uint64_t kMostClaimedUnits = std::uint64_t{1} << 33;
+
 /// Every unit counts as used, for a reason that the geometry may hold.
-inline Answerer allUsed(Geometry geometry) {
+/// @param volumeBytes  of the volume
+inline Answerer allUsed(Geometry geometry, std::uint64_t volumeBytes) {
+    if (geometry.units > kMostClaimedUnits) {
+        std::uint64_t const there = volumeBytes - std::min(volumeBytes, geometry.start);
+        geometry.units = std::min(geometry.units, (there + geometry.unitSize - 1) / geometry.unitSize);
+    }
     // The size that a header claims takes no memory.
-    geometry.isOneRequest = false;
     geometry.chunkBytes = kAllUsedChunk;
     std::uint64_t const units = geometry.units;
     return {std::move(geometry), nullptr, std::make_unique<agent::core::fs::UnrecognizedParser>(units)};

@@ -26,6 +26,8 @@ bool BudgetReader::isWithin() const {
         spent_ = "after " + std::to_string(reads_) + " reads";
     } else if (bytes_ >= budget_.bytes) {
         spent_ = "after " + std::to_string(bytes_) + " bytes";
+    } else if (sinceSeek_ >= budget_.atOnce) {
+        spent_ = "after " + std::to_string(sinceSeek_) + " bytes at once";
     } else if (reads_ % kReadsForEachLook == 0 && Clock::now() - begin_ >= budget_.time) {
         spent_ = "after " + std::to_string(budget_.time.count()) + " seconds";
     }
@@ -42,10 +44,12 @@ long BudgetReader::read(void* buffer, long length) const {
     long const result = inner_.read(buffer, length);
     ++reads_;
     bytes_ += static_cast<std::uint64_t>(std::max(result, 0L));
+    sinceSeek_ += static_cast<std::uint64_t>(std::max(result, 0L));
     return result;
 }
 
 long BudgetReader::seek(long offset, int whence) const {
+    sinceSeek_ = 0;
     return inner_.seek(offset, whence);
 }
 

@@ -15,6 +15,10 @@ struct Budget {
     std::uint64_t reads = 100'000'000;
     std::uint64_t bytes = std::uint64_t{1} << 56;
     std::chrono::seconds time = std::chrono::hours(24);
+
+    /// Bytes read from one place without a seek: what the library asks for at once and so holds in memory. The largest
+    /// table of a healthy volume takes half of it.
+    std::uint64_t atOnce = std::uint64_t{64} << 20;
 };
 
 /// Refuses every read once one of its limits is reached: structures on a hostile volume may lead in a circle.
@@ -42,6 +46,7 @@ private:
     Clock::time_point begin_ = Clock::now();
     mutable std::uint64_t reads_ = 0;
     mutable std::uint64_t bytes_ = 0;
+    mutable std::uint64_t sinceSeek_ = 0; ///< bytes
     mutable std::string spent_;
 };
 

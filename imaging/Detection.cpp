@@ -6,9 +6,11 @@
 #include "imaging/Error.h"
 #include "imaging/hfs/HfsWrapper.h"
 
+#include <algorithm>
 #include <array>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace imaging {
 
@@ -40,6 +42,12 @@ int detectHeader(ReasonLogger& logger, agent::core::IVolumeReader const& volume,
     return FileSystemType(logger).getFileSystemType(header.data());
 }
 
+/// The boot sector of an encrypted volume keeps the label of FAT32, but describes no volume.
+bool isEncrypted(Sector const& first) {
+    constexpr std::string_view kSystemName = "-FVE-FS-"; // at byte 3
+    return std::equal(kSystemName.begin(), kSystemName.end(), first.begin() + 3);
+}
+
 } // namespace
 
 FileSystemCode detectFileSystem(ReasonLogger& logger, agent::core::IVolumeReader const& volume, std::uint64_t alignment,
@@ -47,7 +55,7 @@ FileSystemCode detectFileSystem(ReasonLogger& logger, agent::core::IVolumeReader
     // A match of a test that expects other bytes means nothing and is passed over.
     Sector first = readSector(logger, volume, alignment, 0);
     int const sector = FileSystemType(logger).getFileSystemType(first.data());
-    if (sector == kNtfs || sector == kFat32) {
+    if (sector == kNtfs || (sector == kFat32 && !isEncrypted(first))) {
         return static_cast<FileSystemCode>(sector);
     }
     if (size >= kHeaderOffset + kSectorBytes) {

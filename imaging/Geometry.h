@@ -25,9 +25,6 @@ struct Geometry {
     /// Named where the file system tells it in its header.
     std::optional<Journal> journal = std::nullopt;
 
-    /// Whether only a request from unit 0 is answered rightly: the whole map is asked for at once then.
-    bool isOneRequest = false;
-
     /// Why the parser's map is not the truth here, as one clause with field and value; then every unit counts as used.
     std::optional<std::string> notBelieved = std::nullopt;
 };

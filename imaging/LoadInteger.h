@@ -1,4 +1,4 @@
-// Reading integers from headers.
+// Integers in headers.
 #pragma once
 
 #include <cstdint>
@@ -22,6 +22,13 @@ inline std::uint64_t loadBig(std::span<std::uint8_t const> bytes, std::size_t of
         value = (value << 8) | bytes[offset + i];
     }
     return value;
+}
+
+/// Puts the low `width` bytes of a value, little-endian, at `offset`; they must lie inside `bytes`.
+inline void store(std::span<std::uint8_t> bytes, std::size_t offset, std::uint64_t value, std::size_t width) {
+    for (std::size_t i = 0; i < width; ++i) {
+        bytes[offset + i] = static_cast<std::uint8_t>(value >> (8 * i));
+    }
 }
 
 } // namespace imaging

@@ -49,7 +49,7 @@ Answerer openFileSystem(Volume& volume, std::uint64_t unit) {
     case kUnrecognized:
         break;
     }
-    return allUsed(fallbackGeometry(volume, unit));
+    return allUsed(fallbackGeometry(volume, unit), volume.size());
 }
 
 Answerer openOrAllUsed(Volume& volume, VolumeMap::Refused refused, std::uint64_t unit) {
@@ -61,7 +61,7 @@ Answerer openOrAllUsed(Volume& volume, VolumeMap::Refused refused, std::uint64_t
         }
         Geometry geometry = fallbackGeometry(volume, unit);
         geometry.notBelieved = std::string("the volume is refused (") + error.what() + ")";
-        return allUsed(std::move(geometry));
+        return allUsed(std::move(geometry), volume.size());
     }
 }
 
@@ -174,7 +174,9 @@ std::optional<std::string> VolumeMap::uncleanReason() const {
 MapTotals VolumeMap::walk(RunSink const& sink, Progress const& progress) {
     MapTotals totals;
     RunBuilder corrected(sink);
-    Corrector corrector(geometry(), mustBeUsed(), corrected);
+    Corrector quiet(geometry(), normalized(answerer_.countedAsUsed, volume_.size()), corrected);
+    RunBuilder believed([&quiet](Run const& run) { quiet.add(run); });
+    Corrector corrector(geometry(), mustBeUsed(), believed);
     Audit audit(answerer_.freeCounts);
     RunBuilder runs([&corrector, &audit](Run const& run) {
         corrector.add(run);
@@ -186,6 +188,7 @@ MapTotals VolumeMap::walk(RunSink const& sink, Progress const& progress) {
     checkSize(totals);
     walkParser(runs, totals, progress);
     runs.finish();
+    believed.finish();
     corrected.finish();
     totals.used = corrected.usedUnits();
     totals.free = corrected.units() - corrected.usedUnits();
@@ -235,11 +238,14 @@ void VolumeMap::walkParser(RunBuilder& runs, MapTotals& totals, Progress const& 
     BitOrder const order = answerer_.provider->isMostSignificantBitFirst() ? BitOrder::MostSignificantFirst
                                                                            : BitOrder::LeastSignificantFirst;
     std::uint64_t const units = geometry().units;
+    if (geometry().notBelieved) {
+        runs.addRun(units, true);
+        return;
+    }
     std::uint64_t const wholeMap = (units + 7) / 8;
-    std::vector<char> chunk(geometry().isOneRequest ? wholeMap : std::min(wholeMap, geometry().chunkBytes));
+    std::vector<char> chunk(std::min(wholeMap, geometry().chunkBytes));
     while (runs.units() < units) {
-        bool const mayAsk = runs.units() == 0 || !geometry().isOneRequest;
-        std::uint64_t const count = mayAsk ? nextChunk(runs.units(), chunk) : 0;
+        std::uint64_t const count = nextChunk(runs.units(), chunk);
         if (count == 0) {
             totals.warnings.push_back(volume_.path() + ": the map ends at unit " + std::to_string(runs.units()) +
                                       " of " + std::to_string(units) + "; the rest counts as used");

@@ -2,6 +2,7 @@
 #include "imaging/copy/Compare.h"
 
 #include "imaging/Error.h"
+#include "imaging/copy/TakenRanges.h"
 #include "imaging/copy/Window.h"
 
 #include <algorithm>
@@ -103,14 +104,11 @@ Comparison compareVolumes(CopyPlan& plan, Compared const& volume, Compared const
                           VolumeMap::Progress const& progress) {
     Comparison comparison;
     Comparer comparer(volume, copy, plan.geometry(), progress);
-    comparison.totals = plan.walk([](ByteRange const&) {}, progress, comparison.warnings);
-    if (plan.takesEverything()) {
-        comparison.warnings.push_back(volume.path + ": everything is compared");
-        comparison.totals = plan.walk([](ByteRange const&) {}, progress, comparison.warnings);
-    }
-    std::vector<std::string> again;
+    TakenRanges ranges(plan, volume.path, progress, {"compared", "nothing is said of the copy", false});
+    comparison.totals = ranges.totals();
+    comparison.warnings = ranges.warnings();
     try {
-        plan.walk([&comparer](ByteRange const& range) { comparer.compare(range); }, progress, again);
+        ranges.walk([&comparer](ByteRange const& range) { comparer.compare(range); });
     } catch (Found const& found) {
         comparison.difference = found.difference;
     }

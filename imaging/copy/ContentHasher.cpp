@@ -13,6 +13,9 @@ namespace {
 
 constexpr std::size_t kZeroBytes = std::size_t{64} * 1024;
 
+/// Bytes of a hole hashed between two pauses: a fraction of a second.
+constexpr std::uint64_t kHolePiece = std::uint64_t{64} << 20;
+
 void addZeros(std::uint64_t count, Sha256& hash) {
     static std::array<std::uint8_t, kZeroBytes> const zeros{};
     while (count != 0) {
@@ -29,7 +32,7 @@ void ContentHasher::add(ByteRange const& range, Sha256& hash) {
         ByteRange part{begin, std::min(range.end, begin + kWindowBytes)};
         Source::Stretch const stretch = source_.stretchAt(begin);
         if (stretch.isHole) {
-            part.end = std::min(range.end, stretch.end);
+            part.end = std::min({range.end, stretch.end, begin + kHolePiece});
             addZeros(part.size(), hash);
         } else {
             addRead(part, hash);

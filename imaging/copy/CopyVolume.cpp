@@ -2,6 +2,7 @@
 #include "imaging/copy/CopyVolume.h"
 
 #include "imaging/Error.h"
+#include "imaging/copy/TakenRanges.h"
 
 namespace imaging {
 
@@ -18,33 +19,20 @@ void requireSum(std::string const& path, char const* what, std::uint64_t sum, st
 
 CopyReport copyVolume(CopyPlan& plan, Source const& source, Destination& destination, std::string const& path,
                       std::uint64_t size, bool skipUnreadable, CopyWatch const& watch) {
+    TakenRanges ranges(plan, path, watch.chunk, {"copied", "the copy is not kept", true});
     CopyReport report;
-    std::string const unclean = plan.uncleanWarning();
-    if (!unclean.empty()) {
-        report.warnings.push_back(unclean);
-    }
-    auto const count = [&] { return plan.walk([](ByteRange const&) {}, watch.chunk, report.warnings); };
-    report.totals = count();
-    if (plan.takesEverything()) {
-        report.warnings.push_back(path + ": everything is copied");
-        report.totals = count();
-    }
+    report.warnings = ranges.warnings();
+    report.totals = ranges.totals();
     requireSum(path, "used, kept and free space", report.totals.taken() + report.totals.free, size);
     if (watch.begin) {
         watch.begin(report.totals);
     }
     Copier copier(source, destination, path, skipUnreadable, watch.progress);
-    std::vector<std::string> again;
-    CopyTotals const totals = plan.walk([&copier](ByteRange const& range) { copier.add(range); }, watch.chunk, again);
+    ranges.walk([&copier](ByteRange const& range) { copier.add(range); });
     report.result = copier.finish();
-    if (totals != report.totals) {
-        throw VolumeError(Trouble::Io, path + ": changed while it was copied: " + std::to_string(totals.used) +
-                                           " bytes are in use, and " + std::to_string(report.totals.used) +
-                                           " were before; the copy is not kept");
-    }
     CopyResult const& result = report.result;
     requireSum(path, "copied, empty and unreadable bytes", result.copied + result.zero + result.unreadableBytes(),
-               totals.taken());
+               report.totals.taken());
     if (!result.unreadable.empty()) {
         report.warnings.push_back(path + ": " + std::to_string(result.unreadableBytes()) + " bytes in " +
                                   std::to_string(result.unreadable.size()) +

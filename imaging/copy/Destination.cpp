@@ -37,6 +37,12 @@ std::span<std::uint8_t const> zeros(std::uint64_t length) {
     throw VolumeError(Trouble::Io, path + ": " + what + ": " + agent::PosixError::strerror(error));
 }
 
+void requireGoingOn(std::atomic<bool> const& isCancelled, std::string const& name) {
+    if (isCancelled) {
+        throw VolumeError(Trouble::Io, name + ": the copy was stopped");
+    }
+}
+
 /// Bytes of a file or a whole disk, whatever names lead there.
 struct Storage {
     dev_t device;
@@ -161,6 +167,7 @@ void DeviceDestination::write(std::uint64_t offset, std::span<std::uint8_t const
 
 void DeviceDestination::zero(std::uint64_t offset, std::uint64_t length) {
     while (length != 0) {
+        requireGoingOn(isCancelled_, path_);
         std::span<std::uint8_t const> const piece = zeros(length);
         write(offset, piece);
         offset += piece.size();
@@ -174,8 +181,8 @@ void DeviceDestination::finish() {
     }
 }
 
-StreamDestination::StreamDestination(int descriptor, std::string name, std::uint64_t size)
-    : descriptor_(descriptor), name_(std::move(name)), size_(size), flags_(-1) {
+StreamDestination::StreamDestination(int descriptor, std::string name, std::uint64_t size, std::function<void()> pause)
+    : descriptor_(descriptor), name_(std::move(name)), size_(size), pause_(std::move(pause)), flags_(-1) {
     struct stat facts {};
     // A pipe that nobody reads would keep the writer for ever; it is waited for where the copy can be stopped.
     if (::fstat(descriptor, &facts) == 0 && (S_ISFIFO(facts.st_mode) || S_ISSOCK(facts.st_mode))) {
@@ -191,9 +198,7 @@ StreamDestination::~StreamDestination() {
 }
 
 void StreamDestination::waitUntilWritable() const {
-    if (isCancelled_) {
-        throw VolumeError(Trouble::Io, name_ + ": the copy was stopped");
-    }
+    requireGoingOn(isCancelled_, name_);
     constexpr int kMilliseconds = 100;
     pollfd wanted{descriptor_, POLLOUT, 0};
     ::poll(&wanted, 1, kMilliseconds);
@@ -219,6 +224,9 @@ void StreamDestination::put(std::span<std::uint8_t const> bytes) {
 
 void StreamDestination::fillTo(std::uint64_t offset) {
     while (done_ < offset) {
+        if (pause_) {
+            pause_();
+        }
         put(zeros(offset - done_));
     }
 }

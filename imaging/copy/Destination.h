@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <span>
 #include <string>
@@ -27,7 +28,7 @@ public:
     /// @throws VolumeError  as write
     virtual void zero(std::uint64_t offset, std::uint64_t length) = 0;
 
-    /// Called from another thread: a write that waits gives up soon, and throws.
+    /// Called from another thread: a write that waits, or takes long, gives up soon and throws.
     virtual void cancel() {}
 
     /// Makes the copy durable and gives it its name. Without it, a file never appears.
@@ -62,11 +63,13 @@ public:
 
     void write(std::uint64_t offset, std::span<std::uint8_t const> bytes) override;
     void zero(std::uint64_t offset, std::uint64_t length) override;
+    void cancel() override { isCancelled_ = true; }
     void finish() override;
 
 private:
     std::string path_;
     Descriptor device_;
+    std::atomic<bool> isCancelled_{false};
 };
 
 /// A plain stream: free space arrives as zeros.
@@ -74,7 +77,8 @@ class StreamDestination : public Destination {
 public:
     /// @param descriptor  not owned
     /// @param size        bytes of the volume
-    StreamDestination(int descriptor, std::string name, std::uint64_t size);
+    /// @param pause       called now and then while zeros are written, from any thread; what it throws ends the copy
+    StreamDestination(int descriptor, std::string name, std::uint64_t size, std::function<void()> pause = {});
     ~StreamDestination() override;
 
     void cancel() override { isCancelled_ = true; }
@@ -91,6 +95,7 @@ private:
     int descriptor_;
     std::string name_;
     std::uint64_t size_;
+    std::function<void()> pause_;
     std::uint64_t done_ = 0;
     int flags_; ///< of the descriptor, before it was told not to wait; -1 when it was left alone
     std::atomic<bool> isCancelled_{false};

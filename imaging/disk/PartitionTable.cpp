@@ -29,6 +29,11 @@ bool isProtective(fdisk_partition* partition, std::string const& kind) {
     return kind == "dos" && type != nullptr && fdisk_parttype_get_code(type) == kProtective;
 }
 
+/// The protective entry begins right behind the MBR.
+bool isWholeDisk(fdisk_partition* partition) {
+    return fdisk_partition_has_start(partition) != 0 && fdisk_partition_get_start(partition) == 1;
+}
+
 bool isListed(fdisk_partition* partition) {
     return fdisk_partition_is_used(partition) != 0 && fdisk_partition_is_container(partition) == 0 &&
            fdisk_partition_has_start(partition) != 0 && fdisk_partition_has_size(partition) != 0 &&
@@ -41,11 +46,19 @@ bool isAddressable(fdisk_partition* partition, std::uint64_t sectorSize) {
     return fdisk_partition_get_start(partition) < most && fdisk_partition_get_size(partition) < most;
 }
 
-} // namespace
+Partition describe(fdisk_partition* partition, std::uint64_t sectorSize) {
+    fdisk_parttype const* const type = fdisk_partition_get_type(partition);
+    return {fdisk_partition_get_partno(partition) + 1, fdisk_partition_get_start(partition) * sectorSize,
+            fdisk_partition_get_size(partition) * sectorSize,
+            type == nullptr ? "" : orEmpty(fdisk_parttype_get_name(type)),
+            orEmpty(fdisk_partition_get_name(partition))};
+}
 
-std::optional<PartitionTable> readPartitionTable(std::string const& path) {
+/// @param sectorSize  bytes; 0: what the system says
+std::optional<PartitionTable> readWithSectors(std::string const& path, unsigned sectorSize) {
     Owned<fdisk_context> const context(fdisk_new_context());
     if (!context || fdisk_disable_dialogs(context.get(), 1) != 0 ||
+        (sectorSize != 0 && fdisk_save_user_sector_size(context.get(), sectorSize, sectorSize) != 0) ||
         fdisk_assign_device(context.get(), path.c_str(), 1) != 0 || fdisk_has_label(context.get()) == 0) {
         return std::nullopt;
     }
@@ -59,21 +72,36 @@ std::optional<PartitionTable> readPartitionTable(std::string const& path) {
     PartitionTable disk{orEmpty(fdisk_label_get_name(fdisk_get_label(context.get(), nullptr))),
                         fdisk_get_sector_size(context.get()),
                         {}};
+    bool protects = false;
     fdisk_partition* partition = nullptr;
     while (fdisk_table_next_partition(table.get(), iterator.get(), &partition) == 0) {
-        if (isListed(partition) && isAddressable(partition, disk.sectorSize) && !isProtective(partition, disk.kind)) {
-            fdisk_parttype const* const type = fdisk_partition_get_type(partition);
-            disk.partitions.push_back({fdisk_partition_get_partno(partition) + 1,
-                                       fdisk_partition_get_start(partition) * disk.sectorSize,
-                                       fdisk_partition_get_size(partition) * disk.sectorSize,
-                                       type == nullptr ? "" : orEmpty(fdisk_parttype_get_name(type)),
-                                       orEmpty(fdisk_partition_get_name(partition))});
+        if (isProtective(partition, disk.kind)) {
+            protects = protects || isWholeDisk(partition);
+        } else if (isListed(partition) && isAddressable(partition, disk.sectorSize)) {
+            disk.partitions.push_back(describe(partition, disk.sectorSize));
         }
     }
-    if (disk.kind != "gpt" && disk.partitions.empty()) {
+    disk.isUnreadable = protects && disk.partitions.empty();
+    if (disk.kind != "gpt" && disk.partitions.empty() && !protects) {
         return std::nullopt; // boot sectors of volumes end like one of these, too
     }
     return disk;
+}
+
+} // namespace
+
+std::optional<PartitionTable> readPartitionTable(std::string const& path) {
+    std::optional<PartitionTable> const asTheSystemSays = readWithSectors(path, 0);
+    if (asTheSystemSays && !asTheSystemSays->isUnreadable) {
+        return asTheSystemSays;
+    }
+    for (unsigned const sectorSize : {4096U, 512U}) {
+        std::optional<PartitionTable> disk = readWithSectors(path, sectorSize);
+        if (disk && disk->kind == "gpt") {
+            return disk;
+        }
+    }
+    return asTheSystemSays;
 }
 
 } // namespace imaging

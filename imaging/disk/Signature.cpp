@@ -3,11 +3,33 @@
 
 #include "imaging/copy/Descriptor.h"
 
+#include <algorithm>
+#include <array>
 #include <blkid/blkid.h>
 #include <fcntl.h>
 #include <memory>
+#include <string_view>
+#include <utility>
 
 namespace imaging {
+
+namespace {
+
+/// The library's name, or words for one that is no word.
+std::string inWords(std::string const& type) {
+    constexpr std::array<std::pair<std::string_view, std::string_view>, 5> words{{
+        {"crypto_LUKS", "LUKS"},
+        {"linux_raid_member", "Linux RAID member"},
+        {"LVM1_member", "LVM physical volume"},
+        {"LVM2_member", "LVM physical volume"},
+        {"zfs_member", "ZFS member"},
+    }};
+    auto const* const found =
+        std::find_if(words.begin(), words.end(), [&](auto const& each) { return each.first == type; });
+    return found == words.end() ? type : std::string(found->second);
+}
+
+} // namespace
 
 std::string identifySignature(std::string const& path, std::uint64_t start, std::uint64_t size) {
     Descriptor const file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
@@ -23,7 +45,7 @@ std::string identifySignature(std::string const& path, std::uint64_t start, std:
     if (blkid_do_safeprobe(probe.get()) != 0 || blkid_probe_lookup_value(probe.get(), "TYPE", &type, nullptr) != 0) {
         return {};
     }
-    return type;
+    return inWords(type);
 }
 
 } // namespace imaging

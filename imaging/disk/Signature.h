@@ -7,8 +7,8 @@
 namespace imaging {
 
 /// The name of a file system, container or encryption, as the system's own library gives it ("BitLocker",
-/// "crypto_LUKS", "exfat", "apfs", "ReFS", "btrfs", "swap", "LVM2_member", ...); empty where nothing, or more than one
-/// thing, is found.
+/// "exfat", "apfs", "ReFS", "btrfs", "swap", ...), with words for some ("LUKS", "LVM physical volume"); empty where
+/// nothing, or more than one thing, is found.
 /// @param path   of the disk or volume, which is opened read-only
 /// @param start  byte where the volume begins
 /// @param size   bytes

@@ -79,6 +79,9 @@ GroupReport examineGroups(Volume& volume, DescriptorTable const& table) {
         if (hasCounts) {
             std::uint64_t const start = table.firstDataBlock + group * table.groupBlocks;
             std::uint64_t const blocks = std::min(table.groupBlocks, table.blocks - start);
+            if (descriptor.isUninitialised()) {
+                report.uninitialised.emplace_back(group, descriptor.freeBlocks());
+            }
             report.freeBlocks.push_back({blocks, descriptor.isUninitialised() ? blocks : descriptor.freeBlocks()});
         }
         return !report.notBelieved;

@@ -9,6 +9,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace imaging::ext {
@@ -53,6 +54,10 @@ void forEachDescriptor(Volume& volume, DescriptorTable const& table,
 struct GroupReport {
     /// Free blocks of each group as the parser must find them. Empty where a descriptor has no room for such a number.
     std::vector<FreeCount> freeBlocks;
+
+    /// Groups whose block bitmap is not initialised, as numbers, and free blocks as they count them themselves. Empty
+    /// where a descriptor has no room for such a number.
+    std::vector<std::pair<std::uint64_t, std::uint64_t>> uninitialised;
 
     /// The first group whose block bitmap lies where no bitmap can be, or is marked as not initialised on a volume that
     /// has no such feature, as one clause. Bits read from a wrong place would free blocks that are in use.

@@ -166,9 +166,12 @@ Answerer open(Volume& volume) {
     if (!geometry.notBelieved && facts.blocksPerGroup != 0) {
         groups = examineGroups(volume, tableOf(facts));
         geometry.notBelieved = groups.notBelieved;
+        if (!geometry.notBelieved) {
+            geometry.notBelieved = findUsedUninitialised(volume, groups.uninitialised);
+        }
     }
     if (geometry.notBelieved) {
-        return allUsed(std::move(geometry));
+        return allUsed(std::move(geometry), volume.size());
     }
     Answerer answerer{std::move(geometry), nullptr, makeParser<agent::core::fs::EXTParser>(volume)};
     answerer.alwaysKept = [&volume] { return alwaysKept(volume); };

@@ -116,6 +116,33 @@ std::vector<ByteRange> alwaysKept(Volume& volume) {
     return kept.take();
 }
 
+std::optional<std::string> findUsedUninitialised(Volume& volume,
+                                                 std::vector<std::pair<std::uint64_t, std::uint64_t>> const& groups) {
+    if (groups.empty()) {
+        return std::nullopt;
+    }
+    Facts const facts = readFacts(volume);
+    std::vector<ByteRange> const own = alwaysKept(volume);
+    auto range = own.begin();
+    for (auto const& [group, free] : groups) {
+        std::uint64_t const first = facts.firstDataBlock + group * facts.blocksPerGroup;
+        std::uint64_t const end = std::min<std::uint64_t>(first + facts.blocksPerGroup, facts.blocks);
+        while (range != own.end() && range->end <= first * facts.blockSize()) {
+            ++range;
+        }
+        std::uint64_t ownBytes = 0;
+        for (auto it = range; it != own.end() && it->begin < end * facts.blockSize(); ++it) {
+            ownBytes += std::min(it->end, end * facts.blockSize()) - std::max(it->begin, first * facts.blockSize());
+        }
+        if (std::uint64_t const expected = end - first - ownBytes / facts.blockSize(); free < expected) {
+            return "the descriptor of group " + std::to_string(group) +
+                   " says that its block bitmap is not initialised (0x2), and counts " + std::to_string(free) +
+                   " free blocks where an unused group has " + std::to_string(expected);
+        }
+    }
+    return std::nullopt;
+}
+
 std::vector<ByteRange> mustBeUsed(Volume& volume) {
     Facts const facts = readFacts(volume);
     if (facts.blocksPerGroup == 0) {

@@ -4,6 +4,10 @@
 #include "imaging/ByteRange.h"
 #include "imaging/Volume.h"
 
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
 #include <vector>
 
 namespace imaging::ext {
@@ -18,5 +22,12 @@ std::vector<ByteRange> alwaysKept(Volume& volume);
 /// initialised: there no sound map calls them free. The volume has groups.
 /// @throws VolumeError  the descriptors cannot be read
 std::vector<ByteRange> mustBeUsed(Volume& volume);
+
+/// The first group whose block bitmap is not initialised and that counts fewer free blocks than it has beside the
+/// volume's own structures, as one clause: it is in use, and the map calls it free.
+/// @param groups  numbers in order, and their counts
+/// @throws VolumeError  the descriptors cannot be read
+std::optional<std::string> findUsedUninitialised(Volume& volume,
+                                                 std::vector<std::pair<std::uint64_t, std::uint64_t>> const& groups);
 
 } // namespace imaging::ext

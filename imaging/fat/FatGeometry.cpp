@@ -4,6 +4,7 @@
 #include "agent/core/fs/FATParser.h"
 #include "imaging/Detection.h"
 #include "imaging/LoadInteger.h"
+#include "imaging/fat/TableWindow.h"
 
 #include <algorithm>
 #include <bit>
@@ -20,10 +21,21 @@ constexpr std::uint64_t kMostSectorsPerFat = 0xFFFF;
 /// The entries from 0x0FFFFFF7 on have meanings of their own, and the first two stand for no cluster.
 constexpr std::uint64_t kMostClusters = 0x0FFFFFF7 - 2;
 
+/// Room for the units that are asked for together.
+constexpr std::uint64_t kChunkBytes = std::uint64_t{128} << 10;
+
 constexpr std::uint64_t kFirstCluster = 2;
 constexpr std::uint64_t kEntryBytes = 4;
 constexpr std::uint64_t kEntryMask = 0x0FFFFFFF;
 constexpr std::uint64_t kBadCluster = 0x0FFFFFF7;
+
+/// Bytes of two tables compared at once.
+constexpr std::uint64_t kComparedBytes = std::uint64_t{1} << 20;
+
+/// What a boot sector has at its end and where its kind stands.
+constexpr std::size_t kSignature = 0x1FE;
+constexpr std::uint64_t kSignatureValue = 0xAA55;
+constexpr std::size_t kLabel = 0x52;
 
 /// In the extended flags: one table alone is kept, the one that the low four bits name.
 constexpr std::uint64_t kNotMirrored = 0x80;
@@ -47,6 +59,7 @@ struct Facts {
     std::uint64_t extendedFlags;
     std::uint64_t rootCluster;
     std::uint64_t state;
+    std::uint64_t backupSector;
 
     std::uint64_t clusterBytes() const { return sectorsPerCluster * bytesPerSector; }
     std::uint64_t tableStart() const { return reservedSectors * bytesPerSector; }
@@ -72,6 +85,7 @@ Facts parse(std::span<std::uint8_t const> boot) {
     facts.extendedFlags = load(boot, 0x28, 2);
     facts.rootCluster = load(boot, 0x2C, 4);
     facts.state = boot[0x41];
+    facts.backupSector = load(boot, 0x32, 2);
     return facts;
 }
 
@@ -144,6 +158,65 @@ std::uint64_t readEntry(Volume& volume, Facts const& facts, std::uint64_t number
     return load(volume.readBytes(facts.tableStart() + number * kEntryBytes, kEntryBytes), 0, kEntryBytes) & kEntryMask;
 }
 
+/// The copy of the boot sector tells another place for the clusters. No copy is no contradiction.
+Reason findOtherBoot(Volume& volume, Facts const& facts) {
+    std::uint64_t const sector = facts.backupSector;
+    if (sector == 0 || sector >= facts.reservedSectors) {
+        return std::nullopt;
+    }
+    std::vector<std::uint8_t> const copy = volume.readBytes(sector * facts.bytesPerSector, kSectorBytes);
+    bool const isBoot = load(copy, kSignature, 2) == kSignatureValue && copy[kLabel] == 'F' && copy[kLabel + 1] == 'A';
+    if (!isBoot) {
+        return std::nullopt;
+    }
+    Facts const other = parse(copy);
+    auto const differ = [](char const* name, std::uint64_t here, std::uint64_t there) {
+        return std::string(name) + " is " + std::to_string(here) + ", and " + std::to_string(there) +
+               " in the copy of the boot sector: the clusters cannot be told apart";
+    };
+    if (facts.bytesPerSector != other.bytesPerSector) {
+        return differ("bytes per sector", facts.bytesPerSector, other.bytesPerSector);
+    }
+    if (facts.sectorsPerCluster != other.sectorsPerCluster) {
+        return differ("sectors per cluster", facts.sectorsPerCluster, other.sectorsPerCluster);
+    }
+    if (facts.reservedSectors != other.reservedSectors) {
+        return differ("reserved sectors", facts.reservedSectors, other.reservedSectors);
+    }
+    if (facts.tables != other.tables) {
+        return differ("the number of tables", facts.tables, other.tables);
+    }
+    if (facts.sectorsPerFat != other.sectorsPerFat) {
+        return differ("sectors per FAT", facts.sectorsPerFat, other.sectorsPerFat);
+    }
+    return std::nullopt;
+}
+
+/// The tables are kept alike, unless the volume says that only one is.
+Reason findOtherTable(Volume& volume, Facts const& facts) {
+    if ((facts.extendedFlags & kNotMirrored) != 0) {
+        return std::nullopt;
+    }
+    std::uint64_t const tableBytes = facts.sectorsPerFat * facts.bytesPerSector;
+    std::uint64_t const entries = (facts.clusters() + kFirstCluster) * kEntryBytes;
+    for (std::uint64_t table = 1; table < facts.tables; ++table) {
+        for (std::uint64_t done = 0; done < entries;) {
+            std::uint64_t const piece = std::min(entries - done, kComparedBytes);
+            std::uint64_t const place = facts.tableStart() + done;
+            std::vector<std::uint8_t> const first = volume.readBytes(place, piece);
+            std::vector<std::uint8_t> const other = volume.readBytes(place + table * tableBytes, piece);
+            if (first != other) {
+                auto const at = std::mismatch(first.begin(), first.end(), other.begin()).first - first.begin();
+                return "tables 0 and " + std::to_string(table) + " differ in entry " +
+                       std::to_string((done + static_cast<std::uint64_t>(at)) / kEntryBytes) +
+                       ": it cannot be told which is right";
+            }
+            done += piece;
+        }
+    }
+    return std::nullopt;
+}
+
 /// A table that does not begin like one, or that calls the root directory free, was never written or is none.
 Reason findContradiction(Volume& volume, Facts const& facts) {
     std::uint64_t const begin = readEntry(volume, facts, 0);
@@ -160,6 +233,10 @@ Reason findContradiction(Volume& volume, Facts const& facts) {
         return "the table calls cluster " + std::to_string(facts.rootCluster) + " free, which holds the root directory";
     }
     return std::nullopt;
+}
+
+TableLayout layoutOf(Facts const& facts, Geometry const& geometry) {
+    return {facts.bytesPerSector, facts.sectorsPerCluster, facts.tableStart(), facts.dataSector(), geometry.units};
 }
 
 std::optional<std::string> uncleanReason(Volume& volume, Facts const& facts) {
@@ -182,7 +259,13 @@ Reason findLimit(Volume& volume, Facts const& facts) {
     if (!reason) {
         reason = findMisfit(facts);
     }
-    return reason ? reason : findContradiction(volume, facts);
+    if (!reason) {
+        reason = findOtherBoot(volume, facts);
+    }
+    if (!reason) {
+        reason = findContradiction(volume, facts);
+    }
+    return reason ? reason : findOtherTable(volume, facts);
 }
 
 } // namespace
@@ -193,18 +276,17 @@ Answerer open(Volume& volume) {
     geometry.unitSize = facts.clusterBytes();
     geometry.bytes = facts.totalSectors * facts.bytesPerSector;
     geometry.units = (geometry.bytes + geometry.unitSize - 1) / geometry.unitSize;
-    geometry.chunkBytes = (geometry.units + 7) / 8;
-    geometry.isOneRequest = true;
+    geometry.chunkBytes = kChunkBytes;
     if (volume.size() < geometry.bytes) {
         volume.reader().forbidTail(); // the end of a truncated volume may cut through the table
-    } else {
-        volume.reader().setTail(std::max(geometry.unitSize, volume.alignment())); // the parser reads in clusters
     }
     geometry.notBelieved = findLimit(volume, facts);
     if (geometry.notBelieved) {
-        return allUsed(std::move(geometry));
+        return allUsed(std::move(geometry), volume.size());
     }
-    Answerer answerer{std::move(geometry), nullptr, makeParser<agent::core::fs::FATParser>(volume)};
+    makeParser<agent::core::fs::FATParser>(volume); // what it refuses is refused
+    auto window = std::make_unique<TableWindow>(volume, layoutOf(facts, geometry));
+    Answerer answerer{std::move(geometry), nullptr, std::move(window)};
     // The sectors behind the last cluster, which no entry of the table stands for.
     answerer.alwaysKept = [facts] {
         std::uint64_t const end = facts.dataStart() + facts.clusters() * facts.clusterBytes();

@@ -6,8 +6,7 @@
 
 namespace imaging::fat {
 
-/// The FAT parser, or all used where a limit applies. Its map is asked for in one request: a request from anywhere but
-/// unit 0 would not be answered rightly.
+/// The FAT parser behind windows over its table, or all used where a limit applies.
 /// @throws VolumeError  the boot sector describes no volume, or the parser refuses it
 Answerer open(Volume& volume);
 

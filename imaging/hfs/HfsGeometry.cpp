@@ -185,10 +185,14 @@ Answerer open(Volume& volume) {
         volume.logger().takeReason(""); // what fails here fails again when the map is read
     }
     if (geometry.notBelieved) {
-        return allUsed(std::move(geometry));
+        return allUsed(std::move(geometry), volume.size());
     }
     Answerer answerer{std::move(geometry), std::move(reader), std::move(parser)};
     answerer.alwaysKept = [place, header] { return alwaysKept(place, header); };
+    if (std::uint64_t const end = header.blocks * header.blockSize; end >= kHeaderOffset) {
+        std::uint64_t const copy = place.start + end - kHeaderOffset;
+        answerer.countedAsUsed = {{copy, copy + kHeaderBytes}};
+    }
     answerer.mustBeUsed = [place, header] { return mustBeUsed(place, header); };
     answerer.uncleanReason = [&volume, place, header] { return uncleanReason(header, readerOf(volume, place)); };
     if (wasUnmounted(header)) {

@@ -25,6 +25,13 @@ constexpr std::uint64_t kHeaderRecordBytes = 106;
 constexpr std::size_t kRoot = 2;
 constexpr std::size_t kNodeSize = 18;
 
+/// A leaf's record: the key's length, and in the key the file and the block of it where the extents begin; then the
+/// extents.
+constexpr std::size_t kFileId = 4;
+constexpr std::size_t kStartBlock = 8;
+constexpr std::size_t kData = 64;
+constexpr std::uint64_t kAllocationFile = 6;
+
 using Bytes = std::span<std::uint8_t const>;
 
 /// Where a byte of the file lies on the volume.
@@ -76,6 +83,37 @@ private:
     std::vector<std::uint8_t> record_;
 };
 
+/// Holds the allocation file's records against one another: each tells which block of the file it begins with.
+class Order {
+public:
+    explicit Order(std::uint64_t blocksInHeader) : next_(blocksInHeader) {}
+
+    /// The first record of a leaf that does not go on where the one before it ended, as one clause.
+    std::optional<std::string> check(Bytes leaf) {
+        std::uint64_t const records = loadBig(leaf, kRecords, 2);
+        for (std::uint64_t slot = 0; slot < records && (slot + 1) * 2 <= leaf.size(); ++slot) {
+            std::uint64_t const offset = loadBig(leaf, leaf.size() - (slot + 1) * 2, 2);
+            std::uint64_t const data = offset + 2 + (offset + 2 <= leaf.size() ? loadBig(leaf, offset, 2) : 0);
+            bool const isWhole = offset != 0 && offset + kStartBlock + 4 <= leaf.size() && data + kData <= leaf.size();
+            if (!isWhole || loadBig(leaf, offset + kFileId, 4) != kAllocationFile) {
+                continue; // what the parser makes of a record outside the node, it says
+            }
+            if (std::uint64_t const start = loadBig(leaf, offset + kStartBlock, 4); start != next_) {
+                return "the extents-overflow tree goes on with block " + std::to_string(start) +
+                       " of the allocation file, where block " + std::to_string(next_) +
+                       " follows: its pieces would be put together in a wrong order";
+            }
+            for (std::size_t i = 0; i < kExtents; ++i) {
+                next_ += loadBig(leaf, data + 8 * i + 4, 4);
+            }
+        }
+        return std::nullopt;
+    }
+
+private:
+    std::uint64_t next_; ///< block of the file
+};
+
 bool isLeaf(Bytes node) {
     return node.size() >= kDescriptorBytes && node[kKind] == kLeafNode;
 }
@@ -91,6 +129,7 @@ std::optional<std::string> findOddTree(Header const& header, ReadBytes const& re
     if (!nodes.areReadable()) {
         return std::nullopt;
     }
+    Order order(header.allocation.blocksInHeader());
     std::vector<std::uint32_t> level{nodes.root()};
     for (std::uint64_t depth = 0; depth < kMostLevels && !level.empty() && level.size() < kMostIndexNodes; ++depth) {
         std::vector<std::uint32_t> next;
@@ -99,8 +138,14 @@ std::optional<std::string> findOddTree(Header const& header, ReadBytes const& re
             if (depth == 0 && isLeaf(node)) {
                 return "the extents-overflow tree is a single leaf, which the parser does not read";
             }
+            if (isLeaf(node)) {
+                if (std::optional<std::string> odd = order.check(node)) {
+                    return odd;
+                }
+                continue;
+            }
             if (!isIndex(node)) {
-                return std::nullopt; // the leaves: nothing follows them
+                return std::nullopt; // the parser says so, or passes it over
             }
             std::uint64_t const records = loadBig(node, kRecords, 2);
             if (std::uint32_t const loose = childOf(node, records); depth != 0 && loose != 0) {

@@ -8,6 +8,8 @@
 
 namespace imaging::ntfs {
 
+inline constexpr std::uint64_t kBootBytes = 512;
+
 /// Fields of a boot sector that the parser accepted, so that nothing here is zero or wraps.
 struct Boot {
     std::uint64_t bytesPerSector;

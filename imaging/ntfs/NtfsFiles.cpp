@@ -36,19 +36,19 @@ private:
     std::optional<unsigned long> capacity_;
 };
 
-std::unique_ptr<Probe> openParser(Volume& volume, std::optional<unsigned long> capacity) {
+OpenProbe openParser(Volume& volume, std::optional<unsigned long> capacity) {
     if (volume.fileSystem() != agent::core::fs::kNtfs) {
         throw VolumeError(Trouble::NotUnderstood, volume.path() + ": holds " + fileSystemName(volume.fileSystem()) +
                                                       "; files by path are answered for ntfs alone");
     }
     CacheConfig const config(capacity);
-    auto parser = makeParser<Probe>(volume, config);
+    auto opened = openProbe(volume, config);
     try {
-        parser->extents(std::string()); // names can be compared only once this has loaded the upcase table
+        opened.parser->extents(std::string()); // names can be compared only once this has loaded the upcase table
     } catch (std::runtime_error const& error) {
         throw VolumeError(volume.readTrouble(), volume.path() + ": " + error.what());
     }
-    return parser;
+    return opened;
 }
 
 bool isSeparator(char character) {
@@ -75,8 +75,9 @@ std::string toLibraryPath(std::string const& path) {
     return result;
 }
 
-Files::Files(Volume& volume, std::optional<unsigned long> cacheCapacity)
-    : parser_(openParser(volume, cacheCapacity)), boot_(parseBoot(volume.readBytes(0, kSectorBytes))) {}
+Files::Files(Volume& volume, std::optional<unsigned long> cacheCapacity) : Files(openParser(volume, cacheCapacity)) {}
+
+Files::Files(OpenProbe opened) : parser_(std::move(opened.parser)), boot_(opened.boot) {}
 
 bool Files::isInformationWhole(unsigned long record) const {
     Probe::Attributes const stored = parser_->attributesOf(record, agent::core::fs::kStandardInformation, boot_);

@@ -42,6 +42,7 @@ public:
     std::uint64_t clusterSize() const { return boot_.clusterSize(); }
 
 private:
+    explicit Files(OpenProbe opened);
     bool isInformationWhole(unsigned long record) const;
 
     std::unique_ptr<Probe> parser_;

@@ -2,6 +2,7 @@
 #include "imaging/ntfs/NtfsGeometry.h"
 
 #include "imaging/Detection.h"
+#include "imaging/ntfs/BitmapRuns.h"
 #include "imaging/ntfs/NtfsProbe.h"
 
 #include <algorithm>
@@ -48,6 +49,7 @@ struct Facts {
 };
 
 using Reason = std::optional<std::string>;
+using Provider = agent::core::fs::IBlockBitmapChunkProvider;
 
 /// Whether a mapping pair has no offset: a hole, which the parser takes for a run at another place.
 bool hasHole(AttributeBytes const& attribute) {
@@ -88,6 +90,9 @@ Reason findOddAttribute(Probe::Attributes const& data, Facts const& facts) {
 
 /// Bits read from a wrong place would free clusters in use.
 Reason findMisplacedRun(Facts const& facts) {
+    if (facts.runs.empty()) {
+        return "$Bitmap (record 6) has no runs, and so holds no map";
+    }
     std::uint64_t const clusters = std::min(facts.clusters, facts.volumeBytes / facts.clusterSize);
     for (agent::BlockRange const& run : facts.runs) {
         auto const first = static_cast<std::uint64_t>(run.first);
@@ -106,12 +111,14 @@ Reason findMisplacedRun(Facts const& facts) {
 }
 
 /// Whether the map says that every cluster of a range is used.
-bool isUsed(Probe const& parser, Facts const& facts, std::uint64_t first, std::uint64_t count) {
-    // In several runs only a request from cluster 0 is read from the right place.
-    std::uint64_t const start = facts.runs.size() > 1 ? 0 : first / 8 * 8;
+bool isUsed(Provider const& map, std::uint64_t first, std::uint64_t count) {
+    std::uint64_t const start = first / 8 * 8;
     std::vector<char> bits((first + count - start + 7) / 8);
-    long const units = parser.getChunk(start, bits.data(), bits.size());
-    if (units < 0 || static_cast<std::uint64_t>(units) < first + count - start) {
+    long const units = map.getChunk(start, bits.data(), bits.size());
+    if (units < 0) {
+        throw std::runtime_error("the map's chunk gave code " + std::to_string(units));
+    }
+    if (static_cast<std::uint64_t>(units) < first + count - start) {
         return false;
     }
     for (std::uint64_t cluster = first - start; cluster < first - start + count; ++cluster) {
@@ -123,12 +130,12 @@ bool isUsed(Probe const& parser, Facts const& facts, std::uint64_t first, std::u
 }
 
 /// A bitmap that calls the boot sector, $MFT or itself free was read from something that is no bitmap.
-Reason findContradiction(Probe const& parser, Facts const& facts) {
+Reason findContradiction(Provider const& map, Facts const& facts) {
     std::vector<agent::BlockRange> mustBeUsed = facts.runs;
     mustBeUsed.push_back({0, 1});
     mustBeUsed.push_back({static_cast<std::int64_t>(facts.mftCluster), 1});
     for (agent::BlockRange const& range : mustBeUsed) {
-        if (!isUsed(parser, facts, static_cast<std::uint64_t>(range.first), static_cast<std::uint64_t>(range.count))) {
+        if (!isUsed(map, static_cast<std::uint64_t>(range.first), static_cast<std::uint64_t>(range.count))) {
             return "$Bitmap calls cluster " + std::to_string(range.first) +
                    " free, which holds the boot sector, $MFT or $Bitmap itself";
         }
@@ -137,12 +144,12 @@ Reason findContradiction(Probe const& parser, Facts const& facts) {
 }
 
 /// Every such condition, in an order in which each may rely on the ones before it; the first that applies is told.
-Reason findLimit(Probe const& parser, Boot const& boot, Facts const& facts) {
+Reason findLimit(Probe const& parser, Provider const& map, Boot const& boot, Facts const& facts) {
     Reason reason = findOddAttribute(parser.attributesOf(kBitmapRecord, agent::core::fs::kData, boot), facts);
     if (!reason) {
         reason = findMisplacedRun(facts);
     }
-    return reason ? reason : findContradiction(parser, facts);
+    return reason ? reason : findContradiction(map, facts);
 }
 
 /// The dirty flag in $Volume.
@@ -185,6 +192,20 @@ std::vector<ByteRange> metadataRanges(Probe& parser, std::uint64_t clusterSize, 
     return ranges;
 }
 
+/// The parser's own answer.
+class ParserMap : public Provider {
+public:
+    explicit ParserMap(std::shared_ptr<Probe> parser) : parser_(std::move(parser)) {}
+
+    long getChunk(unsigned long offset, char* buffer, unsigned long length) const override {
+        return parser_->getChunk(offset, buffer, length);
+    }
+    bool isMostSignificantBitFirst() const override { return parser_->isMostSignificantBitFirst(); }
+
+private:
+    std::shared_ptr<Probe> parser_;
+};
+
 Geometry readGeometry(Volume& volume, Boot const& boot) {
     Geometry geometry;
     geometry.unitSize = boot.clusterSize();
@@ -202,8 +223,10 @@ Geometry readGeometry(Volume& volume, Boot const& boot) {
 } // namespace
 
 Answerer open(Volume& volume) {
-    auto parser = makeParser<Probe>(volume);
-    Boot const boot = parseBoot(volume.readBytes(0, kSectorBytes));
+    auto opened = openProbe(volume);
+    Boot const boot = opened.boot;
+    std::shared_ptr<Probe> const parser = std::move(opened.parser);
+    std::unique_ptr<Provider> map = std::make_unique<ParserMap>(parser);
     Geometry geometry = readGeometry(volume, boot);
     if (volume.size() < geometry.units * geometry.unitSize) {
         volume.reader().forbidTail(); // the last unit of a truncated volume may cut through $Bitmap
@@ -211,21 +234,24 @@ Answerer open(Volume& volume) {
     try {
         Facts const facts{volume.size(), geometry.unitSize, geometry.units, boot.mftCluster,
                           parser->extents(kBitmapRecord)};
-        geometry.notBelieved = findLimit(*parser, boot, facts);
-        geometry.isOneRequest = facts.runs.size() > 1;
+        if (facts.runs.size() > 1) {
+            map = std::make_unique<BitmapRuns>(volume, facts.runs, facts.clusterSize, facts.clusters);
+        }
+        geometry.notBelieved = findLimit(*parser, *map, boot, facts);
+    } catch (VolumeError const&) {
+        throw;
     } catch (std::exception const& error) {
         throw VolumeError(volume.readTrouble(), volume.path() + ": $Bitmap (record 6) cannot be read: " + error.what());
     }
     if (geometry.notBelieved) {
         volume.logger().takeReason(""); // the reason is told in its own words
-        return allUsed(std::move(geometry));
+        return allUsed(std::move(geometry), volume.size());
     }
-    Probe* const probe = parser.get();
-    Answerer answerer{std::move(geometry), nullptr, std::move(parser)};
-    answerer.mustBeUsed = [probe, size = answerer.geometry.unitSize, path = volume.path()] {
-        return metadataRanges(*probe, size, path);
+    Answerer answerer{std::move(geometry), nullptr, std::move(map)};
+    answerer.mustBeUsed = [parser, size = answerer.geometry.unitSize, path = volume.path()] {
+        return metadataRanges(*parser, size, path);
     };
-    answerer.uncleanReason = [probe, boot, path = volume.path()] { return uncleanReason(*probe, boot, path); };
+    answerer.uncleanReason = [parser, boot, path = volume.path()] { return uncleanReason(*parser, boot, path); };
     return answerer;
 }
 

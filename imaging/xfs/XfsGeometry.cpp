@@ -205,7 +205,7 @@ Answerer open(Volume& volume) {
     }
     geometry.notBelieved = findContradiction(facts);
     if (geometry.notBelieved) {
-        return allUsed(std::move(geometry));
+        return allUsed(std::move(geometry), volume.size());
     }
     auto parser = makeParser<agent::core::fs::XFSParser>(volume);
     geometry.journal = journalOf(*parser, facts);
@@ -214,7 +214,7 @@ Answerer open(Volume& volume) {
         geometry.notBelieved = findMisplacedJournal(*geometry.journal, facts);
     }
     if (geometry.notBelieved) {
-        return allUsed(std::move(geometry));
+        return allUsed(std::move(geometry), volume.size());
     }
     GroupHeaders headers;
     if (facts.groups <= kMostGroups) {
@@ -223,17 +223,19 @@ Answerer open(Volume& volume) {
     }
     if (headers.notBelieved) {
         geometry.notBelieved = headers.notBelieved;
-        return allUsed(std::move(geometry));
+        return allUsed(std::move(geometry), volume.size());
     }
     Journal const journal = *geometry.journal;
     Answerer answerer{std::move(geometry), nullptr, std::move(parser)};
-    answerer.alwaysKept = [journal, facts] { return alwaysKept(journal, facts); };
-    answerer.mustBeUsed = answerer.alwaysKept;
-    answerer.alwaysKept = [journal, facts, listed = std::move(headers.listed)] {
-        std::vector<ByteRange> ranges = alwaysKept(journal, facts);
-        ranges.insert(ranges.end(), listed.begin(), listed.end());
-        return ranges;
+    auto const keep = [journal, facts](std::vector<ByteRange> more) {
+        return [journal, facts, more = std::move(more)] {
+            std::vector<ByteRange> ranges = alwaysKept(journal, facts);
+            ranges.insert(ranges.end(), more.begin(), more.end());
+            return ranges;
+        };
     };
+    answerer.mustBeUsed = keep(std::move(headers.roots));
+    answerer.alwaysKept = keep(std::move(headers.listed));
     answerer.freeCounts.stretches = std::move(headers.freeCounts);
     answerer.uncleanReason = [&volume, journal, facts] { return uncleanReason(volume, journal, facts); };
     return answerer;

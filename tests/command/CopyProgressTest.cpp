@@ -123,6 +123,20 @@ protected:
         return !problem;
     }
 
+    void putBytes(std::uint64_t offset, std::vector<std::uint8_t> const& bytes) const {
+        std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+        file.seekp(static_cast<std::streamoff>(offset));
+        file.write(reinterpret_cast<char const*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    }
+
+    std::vector<std::uint8_t> getBytes(std::uint64_t offset, std::size_t length) const {
+        std::vector<std::uint8_t> bytes(length);
+        std::ifstream file(path, std::ios::binary);
+        file.seekg(static_cast<std::streamoff>(offset));
+        file.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(length));
+        return bytes;
+    }
+
     void expectLittleMemory() {
         CommandOptions options = plainOptions();
         options.timeout = std::chrono::minutes(5);
@@ -148,14 +162,19 @@ TEST_F(CommandCopyMemory, OfAnExtVolumeOf16TiBStaysSmall) {
         GTEST_SKIP() << "no file of 16 TiB here";
     }
     ExtBuilder builder = makeSoundExtVolume(ExtGeometry::with4KiBBlocks(1000));
-    builder.setSuper32(ext_super::kBlocksCountLow, kBlocks).setSuper16(0x3A, 1);
+    builder.setSuper32(ext_super::kBlocksCountLow, kBlocks);
     setGroupSize(builder, 32768).setSuper32(0x28, 8192).setSuper16(0x58, 256).setSuper32(0x4C, 1).setSuper32(0x64, 1);
     builder.resize(4096 + std::uint64_t{32} * (kBlocks / 32768 + 1));
     for (std::uint64_t at = 4096; at < builder.bytes.size(); at += 32) {
-        builder.bytes[at + 2] = 0x10; // a bitmap at block 2^20, which is a hole
+        builder.bytes[at + 2] = 0x10; // a bitmap at block 2^20, the same for every group but the first
     }
-    std::fstream(path, std::ios::in | std::ios::out | std::ios::binary)
-        .write(reinterpret_cast<char const*>(builder.bytes.data()), static_cast<std::streamsize>(builder.bytes.size()));
+    std::vector<std::uint8_t> bitmap(4096);
+    bitmap[0] = 0x03; // this bitmap, and that of group 0 behind it
+    builder.bytes[4096] = 1;
+    putBytes(0, builder.bytes);
+    putBytes(std::uint64_t{4096} << 20, bitmap);
+    std::fill_n(bitmap.begin(), 129, std::uint8_t{0xFF}); // superblock and descriptors
+    putBytes((std::uint64_t{4096} << 20) + 4096, bitmap);
     ASSERT_EQ(std::filesystem::file_size(path), std::uint64_t{kBlocks} * 4096);
     expectLittleMemory();
 }
@@ -177,6 +196,71 @@ TEST_F(CommandCopyMemory, OfAnNtfsVolumeOf4TiBStaysSmall) {
         !format({"mkntfs", "-F", "-Q", "-q", "-c", "4096", "-p", "0", "-H", "0", "-S", "0", path})) {
         GTEST_SKIP() << "no NTFS volume of 4 TiB can be made here";
     }
+    expectLittleMemory();
+}
+
+/// A number of an MFT record.
+std::uint64_t number(std::vector<std::uint8_t> const& record, std::size_t offset, unsigned width) {
+    std::uint64_t value = 0;
+    for (unsigned i = width; i-- > 0;) {
+        value = value << 8 | record.at(offset + i);
+    }
+    return value;
+}
+
+/// Cuts the one run of a record's data in two, which lie where the one lay; whether there was one.
+bool splitRun(std::vector<std::uint8_t>& record) {
+    std::size_t attribute = number(record, 0x14, 2);
+    while (number(record, attribute, 4) != 0x80) {
+        attribute += number(record, attribute + 4, 4);
+    }
+    std::size_t const pairs = attribute + number(record, attribute + 0x20, 2);
+    unsigned const lengthBytes = record.at(pairs) & 0x0FU;
+    unsigned const offsetBytes = record.at(pairs) >> 4U;
+    std::uint64_t const length = number(record, pairs + 1, lengthBytes);
+    std::uint64_t const first = number(record, pairs + 1 + lengthBytes, offsetBytes);
+    std::vector<std::uint8_t> runs;
+    auto const add = [&runs](std::uint64_t count, std::uint64_t step) {
+        runs.push_back(0x64); // six bytes of offset, four of length
+        for (unsigned i = 0; i < 10; ++i) {
+            runs.push_back(static_cast<std::uint8_t>(i < 4 ? count >> (8 * i) : step >> (8 * (i - 4))));
+        }
+    };
+    add(length / 2, first);
+    add(length - length / 2, length / 2);
+    runs.insert(runs.end(), 10, 0); // the end, and room up to a multiple of 8
+    std::size_t const size = (pairs - attribute + 23 + 7) / 8 * 8;
+    std::size_t const end = attribute + size;
+    bool const isAlone = record.at(pairs + 1 + lengthBytes + offsetBytes) == 0 && end + 8 < 510;
+    std::copy_n(runs.begin(), end - pairs, record.begin() + static_cast<std::ptrdiff_t>(pairs));
+    std::fill_n(record.begin() + static_cast<std::ptrdiff_t>(end), 4, std::uint8_t{0xFF});
+    record.at(attribute + 4) = static_cast<std::uint8_t>(size);
+    record.at(0x18) = static_cast<std::uint8_t>(end + 8);
+    record.at(0x19) = static_cast<std::uint8_t>((end + 8) >> 8);
+    return isAlone;
+}
+
+TEST_F(CommandCopyMemory, OfAnNtfsVolumeWithABitmapInTwoRunsStaysSmall) {
+    constexpr std::uint64_t kSize = std::uint64_t{1} << 40; // a bitmap of 256 MiB
+    if (!makeFile(kSize) ||
+        !format({"mkntfs", "-F", "-Q", "-q", "-c", "512", "-s", "512", "-p", "0", "-H", "0", "-S", "0", path})) {
+        GTEST_SKIP() << "no NTFS volume of 1 TiB can be made here";
+    }
+    std::uint64_t const place = number(getBytes(0x30, 8), 0, 8) * 512 + 6 * 1024;
+    std::vector<std::uint8_t> record = getBytes(place, 1024);
+    ASSERT_EQ(std::string(record.begin(), record.begin() + 4), "FILE");
+    ASSERT_TRUE(splitRun(record));
+    putBytes(place, record);
+    std::string const extents = fsparser({"extents", path, "/$Bitmap"}).output;
+    EXPECT_EQ(std::count(extents.begin(), extents.end(), '\n'), 2) << extents;
+    expectLittleMemory();
+}
+
+TEST_F(CommandCopyMemory, OfAFat32VolumeOfManyClustersStaysSmall) {
+    constexpr FatGeometry kMost{512, 1, 32, 2, 65535, 131102 + 8388478, 0};
+    FatBuilder builder(kMost);
+    builder.setEntry(2, fat_entry::kEndOfChain);
+    writeFatVolume(path, builder);
     expectLittleMemory();
 }
 

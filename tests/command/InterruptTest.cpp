@@ -92,4 +92,36 @@ TEST(CommandInterrupt, ASecondInterruptEndsTheProcessAtOnce) {
     EXPECT_EQ(result.error.find("interrupted"), std::string::npos) << result;
 }
 
+/// Processor time that a process has used, in clock ticks.
+std::uint64_t ticksOf(pid_t process) {
+    std::ifstream stat("/proc/" + std::to_string(process) + "/stat");
+    std::string field;
+    for (int i = 0; i < 13; ++i) { // the name of the command has no spaces
+        stat >> field;
+    }
+    std::uint64_t user = 0;
+    stat >> user;
+    return user;
+}
+
+TEST(CommandInterrupt, HoursOfZerosCanBeInterrupted) {
+    // 4 TiB in which no file system is understood: all of it counts as used, and nothing of it needs to be read.
+    TempDirectory const directory{TempDirectory::Place::Memory};
+    std::string const path = writeFile(directory.file("volume"), {1});
+    std::filesystem::resize_file(path, std::uint64_t{4} << 40);
+    std::vector<std::vector<std::string>> const commands{{"digest", path}, {"copy", path, "-"}};
+    for (std::vector<std::string> const& command : commands) {
+        std::vector<std::string> arguments{FSPARSER_COMMAND};
+        arguments.insert(arguments.end(), command.begin(), command.end());
+        std::string line;
+        for (std::string const& argument : arguments) {
+            line += "'" + argument + "' ";
+        }
+        Process process({"/bin/sh", "-c", "exec " + line + "> /dev/null"});
+        ASSERT_TRUE(waitUntil([&] { return catchesInterrupt(process.id()) && ticksOf(process.id()) > 20; }));
+        process.send(SIGINT);
+        EXPECT_EQ(process.wait().exitCode, 130) << line;
+    }
+}
+
 } // namespace

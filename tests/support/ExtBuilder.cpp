@@ -123,6 +123,11 @@ ExtBuilder& ExtBuilder::setFlags(std::uint64_t group, std::uint8_t flags) {
     return *this;
 }
 
+ExtBuilder& ExtBuilder::setFreeBlocks(std::uint64_t group, std::uint16_t count) {
+    put(geometry_.descriptorOffset(group) + ext_group::kFreeBlocksLow, count, 2);
+    return *this;
+}
+
 ExtBuilder& ExtBuilder::setBitmapLocation(std::uint64_t group, std::uint32_t block) {
     put(geometry_.descriptorOffset(group) + ext_group::kBitmapLocationLow, block, 4);
     return *this;

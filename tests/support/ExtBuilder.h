@@ -83,6 +83,8 @@ public:
     ExtBuilder& markOwnBlocks();
 
     ExtBuilder& setFlags(std::uint64_t group, std::uint8_t flags);
+    /// A group's own number of free blocks, whatever its bits say.
+    ExtBuilder& setFreeBlocks(std::uint64_t group, std::uint16_t count);
     ExtBuilder& setBitmapLocation(std::uint64_t group, std::uint32_t block);
 
     ExtBuilder& setSuper16(std::uint64_t field, std::uint16_t value);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "support/ExtBuilder.h"
+#include "support/FatBuilder.h"
 #include "support/TempDirectory.h"
 
 #include <algorithm>
@@ -43,6 +44,13 @@ inline ExtBuilder makeSoundExtVolume(ExtGeometry const& geometry = {}) {
 inline std::string writeExtVolume(std::string const& path, ExtBuilder const& builder) {
     writeFile(path, builder.bytes);
     std::filesystem::resize_file(path, builder.geometry().blocksCount * builder.geometry().blockBytes());
+    return path;
+}
+
+/// Writes a volume in its full size, of which only what the builder made takes room.
+inline std::string writeFatVolume(std::string const& path, FatBuilder const& builder) {
+    writeFile(path, builder.bytes);
+    std::filesystem::resize_file(path, builder.geometry().totalBytes());
     return path;
 }
 

@@ -167,6 +167,7 @@ TEST_F(ImagingCopyKeptExtCopies, AreKeptInGroupsWhoseBitmapIsNotInitialised) {
     for (std::uint64_t group = 1; group < kManyGroups.groups(); ++group) {
         // The bits say "used" and count for nothing.
         builder.setUsedFrom(1 + group * 256, 256).setFlags(group, ext_group::kBlocksUninitialised);
+        builder.setFreeBlocks(group, 256);
     }
     expectCopiesOf({0, 1, 3, 5, 7, 9, 25, 27, 49}, builder);
 }

@@ -1,6 +1,6 @@
 // What the lists for other programs take from a volume: the same at each walk, everything of a doubtful one.
 #include "imaging/Error.h"
-#include "imaging/formats/TakenRanges.h"
+#include "imaging/copy/TakenRanges.h"
 #include "support/Files.h"
 #include "support/RecordingLogger.h"
 #include "support/XfsBuilder.h"
@@ -43,7 +43,7 @@ TEST_F(ImagingFormatsTaken, EachWalkGivesTheSame) {
     writeExt(30, 4);
     imaging::Volume volume(path, 0, logger);
     imaging::CopyPlan plan(volume, imaging::VolumeMap::Refused::IsError, 0);
-    imaging::TakenRanges ranges(plan, path, {});
+    imaging::TakenRanges ranges(plan, path, {}, {"listed", "the list is not whole", true});
     EXPECT_THAT(ranges.warnings(), IsEmpty());
     auto const first = walk(ranges);
     EXPECT_EQ(first.back(), (ByteRange{30 * kBlock, 34 * kBlock}));
@@ -54,14 +54,14 @@ TEST_F(ImagingFormatsTaken, AMapThatChangesBetweenWalksIsAnError) {
     writeExt(30, 4);
     imaging::Volume volume(path, 0, logger);
     imaging::CopyPlan plan(volume, imaging::VolumeMap::Refused::IsError, 0);
-    imaging::TakenRanges ranges(plan, path, {});
+    imaging::TakenRanges ranges(plan, path, {}, {"listed", "the list is not whole", true});
     writeExt(30, 5);
     try {
         walk(ranges);
         FAIL() << "no error";
     } catch (imaging::VolumeError const& error) {
         EXPECT_THAT(error.what(),
-                    HasSubstr(path + ": changed while it was read: 61440 bytes are in use, and 57344 were "
+                    HasSubstr(path + ": changed while it was listed: 61440 bytes are in use, and 57344 were "
                                      "before; the list is not whole"));
     }
 }
@@ -70,7 +70,7 @@ TEST_F(ImagingFormatsTaken, AnUncleanVolumeIsWalkedWithAWarning) {
     writeExt(30, 4, 0);
     imaging::Volume volume(path, 0, logger);
     imaging::CopyPlan plan(volume, imaging::VolumeMap::Refused::IsError, 0);
-    imaging::TakenRanges ranges(plan, path, {});
+    imaging::TakenRanges ranges(plan, path, {}, {"listed", "the list is not whole", true});
     EXPECT_THAT(ranges.warnings(), ElementsAre(HasSubstr("was not unmounted cleanly")));
     EXPECT_EQ(walk(ranges).back(), (ByteRange{30 * kBlock, 34 * kBlock}));
 }
@@ -84,7 +84,7 @@ TEST_F(ImagingFormatsTaken, ADoubtfulMapListsEverything) {
     writeFile(path, builder.bytes);
     imaging::Volume volume(path, 0, logger);
     imaging::CopyPlan plan(volume, imaging::VolumeMap::Refused::IsError, 0);
-    imaging::TakenRanges ranges(plan, path, {});
+    imaging::TakenRanges ranges(plan, path, {}, {"listed", "the list is not whole", true});
     EXPECT_TRUE(plan.takesEverything());
     ASSERT_FALSE(ranges.warnings().empty());
     EXPECT_EQ(ranges.warnings().back(), path + ": everything is listed");

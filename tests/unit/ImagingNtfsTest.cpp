@@ -1,4 +1,4 @@
-// Maps of NTFS volumes: the one request that a scattered bitmap needs, and each reason to count all as used.
+// Maps of NTFS volumes: a scattered bitmap, and each reason to count all as used.
 #include "imaging/Error.h"
 #include "imaging/VolumeMap.h"
 #include "support/Files.h"
@@ -86,7 +86,6 @@ TEST_F(ImagingNtfs, AMapIsThatOfTheClusters) {
     EXPECT_EQ(geometry.unitSize, 4096U);
     EXPECT_EQ(geometry.units, 512U);
     EXPECT_EQ(geometry.notBelieved, std::nullopt);
-    EXPECT_FALSE(geometry.isOneRequest);
     EXPECT_THAT(totals.warnings, IsEmpty());
     EXPECT_GT(totals.free, 0U);
 }
@@ -132,13 +131,12 @@ TEST_F(ImagingNtfs, TheCopyOfTheBootSectorLiesPastTheLastUnit) {
     EXPECT_EQ(pastLastUnit, 8704U);
 }
 
-TEST_F(ImagingNtfs, ABitmapInSeveralRunsIsAskedForAtOnce) {
+TEST_F(ImagingNtfs, ABitmapInSeveralRunsIsReadFromThem) {
     NtfsGeometry scattered = NtfsGeometry::withClusters(512);
     scattered.bitmapPieces = 2;
     scattered.clusters = 12000; // three clusters of bitmap
     builder = NtfsBuilder::standard(scattered);
     EXPECT_EQ(walk(), truth());
-    EXPECT_TRUE(geometry.isOneRequest);
     EXPECT_THAT(totals.warnings, IsEmpty());
 
     // Chunk by chunk, the same volume gives other bits.
@@ -195,7 +193,6 @@ TEST_F(ImagingNtfs, AnAttributeListBesideAWholeBitmapDoesNotMatter) {
                   ntfsAttributeList({{ntfs_type::kData, kBitmap, 0, {}}}));
     builder.seal();
     EXPECT_EQ(walk(), truth()) << "also when the list has a run of its own, which is given as one of the bitmap's";
-    EXPECT_TRUE(geometry.isOneRequest);
 }
 
 TEST_F(ImagingNtfs, ANamedStreamBesideTheBitmapDoesNotMatter) {

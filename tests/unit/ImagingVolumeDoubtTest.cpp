@@ -57,12 +57,17 @@ TEST_F(ImagingVolumeDoubt, AnExtBitmapThatWasZeroedIsNotTrusted) {
                             "the map is not to be trusted"));
 }
 
-TEST_F(ImagingVolumeDoubt, AnExtGroupThatIsNotInitialisedHasNoCountToMeet) {
+TEST_F(ImagingVolumeDoubt, AnExtGroupThatIsNotInitialisedIsAsFreeAsItsCountSays) {
     ExtBuilder builder = makeExt();
     zeroBitmap(builder, 1);
-    imaging::MapTotals const totals = walkExt(builder.setFlags(1, ext_group::kBlocksUninitialised));
-    EXPECT_FALSE(totals.isDoubtful);
-    EXPECT_THAT(totals.warnings, IsEmpty());
+    builder.setFlags(1, ext_group::kBlocksUninitialised).setFreeBlocks(1, 32768 - 2); // a copy of the superblock
+    EXPECT_THAT(walkExt(builder).warnings, IsEmpty());
+    imaging::MapTotals const totals = walkExt(builder.setFreeBlocks(1, 32768 - 3));
+    EXPECT_EQ(totals.free, 0U);
+    EXPECT_THAT(totals.warnings,
+                ElementsAre(path + ": the descriptor of group 1 says that its block bitmap is not initialised (0x2), "
+                                   "and counts 32765 free blocks where an unused group has 32766; every unit counts "
+                                   "as used"));
 }
 
 TEST_F(ImagingVolumeDoubt, AnExtGroupsNumberIsTheGroupsWhereABlockLiesBeforeTheFirst) {

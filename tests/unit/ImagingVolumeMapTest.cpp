@@ -183,7 +183,7 @@ TEST(ImagingVolumeMap, ABitmapWhereNoneCanBeMakesEverythingUsed) {
 
 TEST(ImagingVolumeMap, AGroupWhoseBitmapIsNotInitialisedNeedsNone) {
     ExtBuilder builder = makeVolume();
-    builder.setBitmapLocation(2, 200000).setFlags(2, ext_group::kBlocksUninitialised);
+    builder.setBitmapLocation(2, 200000).setFlags(2, ext_group::kBlocksUninitialised).setFreeBlocks(2, 32768);
     Bench bench(builder);
     EXPECT_THAT(bench.walk().warnings, IsEmpty());
     EXPECT_TRUE(bench.units == builder.map());
