@@ -6,13 +6,14 @@
 #include "imaging/Error.h"
 #include "imaging/disk/PartitionTable.h"
 
+#include <algorithm>
 #include <fmt/format.h>
 
 namespace cli {
 
 namespace {
 
-/// What a partition holds, in one word; empty for nothing known.
+/// What a partition holds; empty for nothing known.
 std::string contentOf(Options const& options, Console& console, imaging::Partition const& partition) {
     try {
         imaging::Volume const volume(options.volume, options.alignment, console,
@@ -25,13 +26,19 @@ std::string contentOf(Options const& options, Console& console, imaging::Partiti
     }
 }
 
+/// Sectors are of 512 bytes, as --offset takes them, whatever the disk's are.
 void printDisk(imaging::PartitionTable const& disk, std::vector<std::string> const& contents) {
+    constexpr std::uint64_t kSectorBytes = 512;
+    std::size_t width = 12;
+    for (std::string const& content : contents) {
+        width = std::max(width, content.size());
+    }
     fmt::print("{} partition table, {} partitions\n", disk.kind, disk.partitions.size());
     for (std::size_t i = 0; i < contents.size(); ++i) {
         imaging::Partition const& partition = disk.partitions[i];
         std::string const content = contents[i].empty() ? "-" : contents[i];
-        fmt::print("{:>3}  {:<12}  from byte {} ({}s), {} bytes ({})  {}{}\n", partition.number, content,
-                   partition.start, partition.start / disk.sectorSize, partition.size, humanSize(partition.size),
+        fmt::print("{:>3}  {:<{}}  from byte {} ({}s), {} bytes ({})  {}{}\n", partition.number, content, width,
+                   partition.start, partition.start / kSectorBytes, partition.size, humanSize(partition.size),
                    partition.type, partition.name.empty() ? "" : " \"" + partition.name + "\"");
     }
 }
@@ -76,7 +83,8 @@ ExitCode runDetect(Options const& options, Console& console) {
     bool const isRecognized = volume.fileSystem() != agent::core::fs::kUnrecognized;
     std::string const content = contentName(volume);
     if (content.empty() && options.partition == 0 && options.offset == 0) {
-        if (auto const disk = imaging::readPartitionTable(options.volume)) {
+        auto const disk = imaging::readPartitionTable(options.volume);
+        if (disk && !disk->isUnreadable) {
             return runDisk(options, console, volume, *disk);
         }
     }

@@ -1,6 +1,7 @@
 // Partitions and offsets.
 #include "cli/OpenVolume.h"
 
+#include "cli/Summary.h"
 #include "imaging/Error.h"
 #include "imaging/disk/PartitionTable.h"
 
@@ -19,6 +20,9 @@ Place findPartition(std::string const& path, std::uint64_t number) {
     auto const disk = imaging::readPartitionTable(path);
     if (!disk) {
         throw VolumeError(Trouble::NotUnderstood, path + ": has no partition table");
+    }
+    if (disk->isUnreadable) {
+        throw VolumeError(Trouble::NotUnderstood, unreadableTableSentence(path));
     }
     auto const found = std::find_if(disk->partitions.begin(), disk->partitions.end(),
                                     [number](imaging::Partition const& each) { return each.number == number; });

@@ -39,12 +39,21 @@ std::string contentName(imaging::Volume const& volume) {
     return isReadOtherwise ? std::string() : name;
 }
 
+std::string unreadableTableSentence(std::string const& path) {
+    return path + ": has the protective MBR of a GPT, but the GPT cannot be read; an image may be cut off; "
+                  "--offset takes a volume where it begins";
+}
+
 std::string unrecognizedReason(imaging::Volume const& volume) {
     std::string const content = contentName(volume);
     if (!content.empty()) {
         return volume.path() + ": holds " + content + ", which is not read";
     }
-    if (volume.start() == 0 && imaging::readPartitionTable(volume.filePath())) {
+    auto const disk = volume.start() == 0 ? imaging::readPartitionTable(volume.filePath()) : std::nullopt;
+    if (disk && disk->isUnreadable) {
+        return unreadableTableSentence(volume.path());
+    }
+    if (disk) {
         return volume.path() + ": is a whole disk; fsparser detect lists its partitions, --partition N takes one";
     }
     return imaging::unrecognizedSentence(volume.path(), volume.refusal());

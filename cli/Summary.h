@@ -19,9 +19,12 @@ Json beginDocument(std::string const& verb, imaging::Volume const& volume);
 /// Adds the geometry: "unit_size", "size" and "first_unit_offset" (where unit 0 begins) in bytes, "units".
 void addGeometry(Json& document, imaging::Volume const& volume, imaging::Geometry const& geometry);
 
-/// One word for what a volume holds: the file system's name, or what the system's own library calls a content that is
-/// not read ("BitLocker", "crypto_LUKS", ...); empty for nothing known.
+/// What a volume holds: the file system's name, or what the system's own library calls a content that is not read
+/// ("BitLocker", "LVM physical volume", ...); empty for nothing known.
 std::string contentName(imaging::Volume const& volume);
+
+/// One sentence on a disk whose GPT cannot be read.
+std::string unreadableTableSentence(std::string const& path);
 
 /// One sentence on a volume that is not understood.
 std::string unrecognizedReason(imaging::Volume const& volume);

@@ -1,6 +1,6 @@
 // Copies to and from block devices, which are loop devices here. Needs root, and leaves no device behind.
 #include "command/Fsparser.h"
-#include "support/VolumeFiles.h"
+#include "support/LoopDevice.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -14,33 +14,11 @@ using namespace tests;
 using testing::AllOf;
 using testing::HasSubstr;
 
-/// A file as a block device, for as long as this lives.
-class Loop {
-public:
-    explicit Loop(std::string const& file) {
-        CommandResult const result = runCommand({"losetup", "-f", "--show", file});
-        path_ = result.succeeded() ? result.output.substr(0, result.output.find('\n')) : "";
-    }
-    Loop(Loop const&) = delete;
-    Loop& operator=(Loop const&) = delete;
-    ~Loop() {
-        if (!path_.empty()) {
-            runCommand({"losetup", "-d", path_});
-        }
-    }
-
-    /// Empty where there is none.
-    std::string const& path() const { return path_; }
-
-private:
-    std::string path_;
-};
-
 /// A volume of 1000 blocks of 4 KiB and a device of noise.
 class CommandCopyDevice : public testing::Test {
 protected:
     void SetUp() override {
-        if (::geteuid() != 0 || !findProgram("losetup")) {
+        if (!Loop::isPossible()) {
             GTEST_SKIP() << "loop devices need root and losetup";
         }
         ExtBuilder builder = makeThousandBlocks();
