@@ -1,11 +1,11 @@
 // The ext parser when the n-th seek or read goes wrong: the documented error, or the documented zeros, and on it goes.
 #include "support/ExtRun.h"
+#include "support/FaultMatrix.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <map>
 #include <optional>
 #include <string>
 #include <tuple>
@@ -29,14 +29,6 @@ ExtBuilder makeVolume() {
     ExtBuilder builder = ExtBuilder(geometry).fillBitmapsAtRandom(21);
     builder.resize(32768); // whole units of either alignment
     return builder;
-}
-
-std::string faultName(Fault fault) {
-    static std::map<Fault, std::string> const names{{Fault::SeekFails, "SeekFails"},
-                                                    {Fault::ReadFails, "ReadFails"},
-                                                    {Fault::ReadShort, "ReadShort"},
-                                                    {Fault::ReadEmpty, "ReadEmpty"}};
-    return names.at(fault);
 }
 
 /// One request of a clean walk.
@@ -113,25 +105,19 @@ std::vector<bool> bitsWithShortRead(ExtBuilder const& builder, std::uint64_t ali
     return bits;
 }
 
-using FaultAndAlignment = std::tuple<Fault, unsigned>;
-
-std::string caseName(testing::TestParamInfo<FaultAndAlignment> const& instance) {
-    return faultName(std::get<0>(instance.param)) + "By" + std::to_string(std::get<1>(instance.param));
-}
-
 /// A call of the walk goes wrong in a way that ends the request.
-class ExtWalkFailure : public testing::TestWithParam<FaultAndAlignment> {};
+class ExtWalkFailure : public testing::TestWithParam<FaultAndSize> {};
 
 TEST_P(ExtWalkFailure, IsNamedOnceAndTheNextRequestSucceeds) {
-    auto const [fault, alignment] = GetParam();
+    Fault const fault = std::get<0>(GetParam());
+    unsigned const alignment = std::get<1>(GetParam());
     ExtBuilder const builder = makeVolume();
     MemoryReader const volume = builder.reader();
     auto const steps = cleanWalk(builder, alignment);
     auto const accesses = accessesOf(steps);
     ASSERT_EQ(steps.size(), 4U);
-    unsigned n = 1; // call 0 is the constructor's
-    for (;; ++n) {
-        FaultyReader const faulty(volume, fault, n);
+    // Call 0 is the constructor's.
+    unsigned const calls = forEachCall(volume, fault, 1, [&](FaultyReader const& faulty, unsigned n) {
         RecordingLogger logger;
         ExposedExtParser const parser(logger, alignment, faulty);
         for (std::size_t at = 0; at < steps.size(); ++at) {
@@ -145,12 +131,11 @@ TEST_P(ExtWalkFailure, IsNamedOnceAndTheNextRequestSucceeds) {
                 EXPECT_EQ(result, -1);
                 std::vector<LogEntry> expected;
                 if (fault == Fault::ReadFails) {
-                    expected.push_back(debugEntry("CHUNK READ FILE FAILED: OFFSET: " + std::to_string(access.offset) +
-                                                  " - " + std::to_string(access.size) + " BYTES"));
+                    expected.push_back(failedReadEntry(access.offset, access.size));
                 }
                 expected.push_back(errorEntry(access.place == 0 ? "Can't read bgd table" : "Can't read bitmap"));
                 expected.push_back(extWrapperEntry());
-                EXPECT_EQ(logger.entries, expected) << "call " << n;
+                EXPECT_EQ(logger.entries, expected);
                 logger.entries.clear();
                 result = parser.getChunk(steps[at].start, place, buffer.size());
             }
@@ -158,31 +143,27 @@ TEST_P(ExtWalkFailure, IsNamedOnceAndTheNextRequestSucceeds) {
             ASSERT_EQ(buffer, steps[at].outcome.buffer);
             ASSERT_THAT(logger.entries, IsEmpty());
         }
-        if (!faulty.fired) {
-            break;
-        }
-    }
-    EXPECT_EQ(n, 1 + accesses.size()) << "every call of the walk had its turn";
+    });
+    EXPECT_EQ(calls, 1 + accesses.size()) << "every call of the walk had its turn";
 }
 
 INSTANTIATE_TEST_SUITE_P(Faults, ExtWalkFailure,
                          testing::Combine(testing::Values(Fault::SeekFails, Fault::ReadFails),
                                           testing::Values(512U, 4096U)),
-                         caseName);
+                         faultAndSizeName);
 
 /// A read of the walk delivers less, which is no failure: zeros, or the bits that were there.
-class ExtWalkShortRead : public testing::TestWithParam<FaultAndAlignment> {};
+class ExtWalkShortRead : public testing::TestWithParam<FaultAndSize> {};
 
 TEST_P(ExtWalkShortRead, GivesTheDocumentedBitsAndTheNextRequestTheTrueOnes) {
-    auto const [fault, alignment] = GetParam();
+    Fault const fault = std::get<0>(GetParam());
+    unsigned const alignment = std::get<1>(GetParam());
     ExtBuilder const builder = makeVolume();
     MemoryReader const volume = builder.reader();
     auto const steps = cleanWalk(builder, alignment);
     auto const accesses = accessesOf(steps);
     unsigned changed = 0;
-    unsigned n = 1;
-    for (;; ++n) {
-        FaultyReader const faulty(volume, fault, n);
+    unsigned const calls = forEachCall(volume, fault, 1, [&](FaultyReader const& faulty, unsigned n) {
         RecordingLogger logger;
         ExposedExtParser const parser(logger, alignment, faulty);
         for (std::size_t at = 0; at < steps.size(); ++at) {
@@ -190,30 +171,27 @@ TEST_P(ExtWalkShortRead, GivesTheDocumentedBitsAndTheNextRequestTheTrueOnes) {
             std::vector<std::uint8_t> buffer(kChunkBytes, 0xAA);
             auto* const place = reinterpret_cast<char*>(buffer.data());
             bool const before = faulty.fired;
-            ASSERT_EQ(parser.getChunk(step.start, place, buffer.size()), step.outcome.result) << "call " << n;
+            ASSERT_EQ(parser.getChunk(step.start, place, buffer.size()), step.outcome.result);
             if (faulty.fired != before) {
                 Access const& access = accesses.at(n - 1);
                 ASSERT_EQ(access.step, at);
                 auto const expected = bitsWithShortRead(builder, alignment, step, access.place, fault);
-                ASSERT_EQ(bitsOf(buffer, step.outcome.result), expected) << "call " << n;
+                ASSERT_EQ(bitsOf(buffer, step.outcome.result), expected);
                 changed += buffer != step.outcome.buffer ? 1U : 0U;
                 ASSERT_EQ(parser.getChunk(step.start, place, buffer.size()), step.outcome.result);
             }
             ASSERT_EQ(buffer, step.outcome.buffer);
         }
         ASSERT_THAT(logger.entries, IsEmpty()) << "the reader reports short reads, not the parser";
-        if (!faulty.fired) {
-            break;
-        }
-    }
-    EXPECT_EQ(n, 1 + accesses.size()) << "every read of the walk had its turn";
+    });
+    EXPECT_EQ(calls, 1 + accesses.size()) << "every read of the walk had its turn";
     EXPECT_GT(changed, 10U) << "the fault must have shown";
 }
 
 INSTANTIATE_TEST_SUITE_P(Faults, ExtWalkShortRead,
                          testing::Combine(testing::Values(Fault::ReadShort, Fault::ReadEmpty),
                                           testing::Values(512U, 4096U)),
-                         caseName);
+                         faultAndSizeName);
 
 class ExtConstructionFault : public testing::TestWithParam<unsigned> {};
 
@@ -233,8 +211,7 @@ TEST_P(ExtConstructionFault, FailedReadIsUnreadable) {
     EXPECT_THAT([&] { ExposedExtParser(logger, GetParam(), faulty); },
                 testing::ThrowsMessage<std::runtime_error>(testing::StrEq("Could not read EXT super block.")));
     EXPECT_THAT(logger.entries,
-                ElementsAre(debugEntry(GetParam() == 512 ? "CHUNK READ FILE FAILED: OFFSET: 1024 - 1024 BYTES"
-                                                         : "CHUNK READ FILE FAILED: OFFSET: 0 - 4096 BYTES")));
+                ElementsAre(GetParam() == 512 ? failedReadEntry(1024, 1024) : failedReadEntry(0, 4096)));
 }
 
 TEST_P(ExtConstructionFault, EmptyReadIsAnotherFileSystem) {

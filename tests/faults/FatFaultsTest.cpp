@@ -1,10 +1,10 @@
 // The FAT parser when the n-th seek or read goes wrong: the documented code and entries, and on it goes.
 #include "support/FatRun.h"
+#include "support/FaultMatrix.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <map>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -17,31 +17,17 @@ using testing::IsEmpty;
 using testing::StrEq;
 using testing::ThrowsMessage;
 
-std::string faultName(Fault fault) {
-    static std::map<Fault, std::string> const names{{Fault::SeekFails, "SeekFails"},
-                                                    {Fault::ReadFails, "ReadFails"},
-                                                    {Fault::ReadShort, "ReadShort"},
-                                                    {Fault::ReadEmpty, "ReadEmpty"}};
-    return names.at(fault);
-}
-
 FatBuilder makeVolume() {
     FatBuilder builder(FatGeometry::tiny());
     builder.fillAtRandom(51);
     return builder.resize(408 * 512);
 }
 
-using FaultAndAlignment = std::tuple<Fault, unsigned>;
-
-std::string caseName(testing::TestParamInfo<FaultAndAlignment> const& instance) {
-    return faultName(std::get<0>(instance.param)) + "By" + std::to_string(std::get<1>(instance.param));
-}
-
 /// The entries that go before the code of a request whose seek or read went wrong.
-std::vector<LogEntry> entriesOf(Fault fault, std::string const& place) {
+std::vector<LogEntry> entriesOf(Fault fault, long offset, long size) {
     std::vector<LogEntry> entries;
     if (fault == Fault::ReadFails) {
-        entries.push_back(debugEntry("CHUNK READ FILE FAILED: OFFSET: " + place + " BYTES"));
+        entries.push_back(failedReadEntry(offset, size));
     }
     return entries;
 }
@@ -50,60 +36,52 @@ long codeOf(Fault fault) {
     return fault == Fault::SeekFails || fault == Fault::ReadFails ? -1 : -400;
 }
 
-class FatConstructionFault : public testing::TestWithParam<FaultAndAlignment> {};
+class FatConstructionFault : public testing::TestWithParam<FaultAndSize> {};
 
 TEST_P(FatConstructionFault, IsAnUnreadableBootSector) {
     Fault const fault = std::get<0>(GetParam());
     unsigned const alignment = std::get<1>(GetParam());
     MemoryReader const volume = makeVolume().reader();
-    unsigned n = 0;
-    for (;; ++n) {
-        FaultyReader const faulty(volume, fault, n);
+    unsigned const calls = forEachCall(volume, fault, 0, [&](FaultyReader const& faulty, unsigned n) {
         RecordingLogger logger;
         if (n == 0 && fault == Fault::ReadShort && alignment == 4096) {
             // Half of 4096 bytes still holds the whole sector.
             EXPECT_NO_THROW(ExposedFatParser(logger, alignment, faulty));
             EXPECT_TRUE(faulty.fired);
-            continue;
+            return;
         }
         if (n == 0) {
             EXPECT_THAT([&] { ExposedFatParser(logger, alignment, faulty); },
                         ThrowsMessage<std::runtime_error>(StrEq("Can't read fat boot sector")));
             EXPECT_TRUE(faulty.fired);
-            EXPECT_EQ(logger.entries, entriesOf(fault, "0 - " + std::to_string(alignment)));
+            EXPECT_EQ(logger.entries, entriesOf(fault, 0, alignment));
             logger.entries.clear();
         }
         // The fault is over, or comes later: the same reader serves a parser.
         ExposedFatParser const parser(logger, alignment, faulty);
         EXPECT_THAT(logger.entries, IsEmpty());
-        if (!faulty.fired) {
-            break;
-        }
-    }
-    EXPECT_EQ(n, 1U) << "construction takes one seek and one read";
+    });
+    EXPECT_EQ(calls, 1U) << "construction takes one seek and one read";
 }
 
-INSTANTIATE_TEST_SUITE_P(Faults, FatConstructionFault,
-                         testing::Combine(testing::Values(Fault::SeekFails, Fault::ReadFails, Fault::ReadShort,
-                                                          Fault::ReadEmpty),
-                                          testing::Values(512U, 4096U)),
-                         caseName);
+INSTANTIATE_TEST_SUITE_P(Faults, FatConstructionFault, testing::Combine(everyFault(), testing::Values(512U, 4096U)),
+                         faultAndSizeName);
 
-class FatRequestFault : public testing::TestWithParam<FaultAndAlignment> {};
+class FatRequestFault : public testing::TestWithParam<FaultAndSize> {};
 
 TEST_P(FatRequestFault, GivesItsCodeAndTheNextRequestSucceeds) {
-    auto const [fault, alignment] = GetParam();
+    Fault const fault = std::get<0>(GetParam());
+    unsigned const alignment = std::get<1>(GetParam());
     FatBuilder const builder = makeVolume();
     MemoryReader const volume = builder.reader();
-    unsigned n = 1; // call 0 is the constructor's
-    for (;; ++n) {
-        FaultyReader const faulty(volume, fault, n);
+    // Call 0 is the constructor's.
+    unsigned const calls = forEachCall(volume, fault, 1, [&](FaultyReader const& faulty, unsigned) {
         FatReaderBench bench(faulty, alignment);
         FatOutcome outcome = bench.chunk(0, 26);
         if (faulty.fired) {
             long const code = codeOf(fault);
             EXPECT_EQ(outcome.result, code);
-            auto expected = entriesOf(fault, "2048 - 1024");
+            auto expected = entriesOf(fault, 2048, 1024);
             auto const codes = fatFailureEntries(code);
             expected.insert(expected.end(), codes.begin(), codes.end());
             EXPECT_EQ(outcome.entries, expected);
@@ -113,18 +91,12 @@ TEST_P(FatRequestFault, GivesItsCodeAndTheNextRequestSucceeds) {
         EXPECT_EQ(outcome.result, 204);
         EXPECT_EQ(fatUnits(outcome.buffer, 204), builder.map());
         EXPECT_EQ(outcome.entries, fatSuccessEntries(204));
-        if (!faulty.fired) {
-            break;
-        }
-    }
-    EXPECT_EQ(n, 2U) << "a request takes one seek and one read";
+    });
+    EXPECT_EQ(calls, 2U) << "a request takes one seek and one read";
 }
 
-INSTANTIATE_TEST_SUITE_P(Faults, FatRequestFault,
-                         testing::Combine(testing::Values(Fault::SeekFails, Fault::ReadFails, Fault::ReadShort,
-                                                          Fault::ReadEmpty),
-                                          testing::Values(512U, 4096U)),
-                         caseName);
+INSTANTIATE_TEST_SUITE_P(Faults, FatRequestFault, testing::Combine(everyFault(), testing::Values(512U, 4096U)),
+                         faultAndSizeName);
 
 /// A table that is read in four pieces; every third cluster is used.
 FatGeometry makeLargeGeometry() {
@@ -148,28 +120,25 @@ TEST_P(FatLargeTableFault, InAnyPieceIsNoticed) {
     // 3500001 entries in sectors of 512 bytes.
     ASSERT_THAT(clean.calls, ElementsAre(seekCall(16384), readCall(4194304), readCall(4194304), readCall(4194304),
                                          readCall(1417216)));
-    unsigned n = 1;
-    for (;; ++n) {
-        FaultyReader const faulty(volume, fault, n);
+    unsigned const calls = forEachCall(volume, fault, 1, [&](FaultyReader const& faulty, unsigned) {
         FatReaderBench bench(faulty);
         FatOutcome const outcome = bench.chunk(0, length);
         if (!faulty.fired) {
             EXPECT_EQ(outcome, clean);
-            break;
+            return;
         }
         long const code = codeOf(fault);
-        EXPECT_EQ(outcome.result, code) << "read " << n;
-        auto expected = entriesOf(fault, "16384 - 14000128");
+        EXPECT_EQ(outcome.result, code);
+        auto expected = entriesOf(fault, 16384, 14000128);
         auto const codes = fatFailureEntries(code);
         expected.insert(expected.end(), codes.begin(), codes.end());
-        EXPECT_EQ(outcome.entries, expected) << "read " << n;
-        EXPECT_TRUE(bench.chunk(0, length) == clean) << "read " << n;
-    }
-    EXPECT_EQ(n, fault == Fault::SeekFails ? 2U : 5U) << "every call had its turn";
+        EXPECT_EQ(outcome.entries, expected);
+        EXPECT_TRUE(bench.chunk(0, length) == clean);
+    });
+    EXPECT_EQ(calls, fault == Fault::SeekFails ? 2U : 5U) << "every call had its turn";
 }
 
-INSTANTIATE_TEST_SUITE_P(Faults, FatLargeTableFault,
-                         testing::Values(Fault::SeekFails, Fault::ReadFails, Fault::ReadShort, Fault::ReadEmpty),
+INSTANTIATE_TEST_SUITE_P(Faults, FatLargeTableFault, everyFault(),
                          [](auto const& instance) { return faultName(instance.param); });
 
 /// Delivers all but the last bytes of every read.

@@ -1,11 +1,11 @@
 // The HFS+ parser when the n-th seek or read goes wrong: the documented error, or the documented bytes, and on it goes.
+#include "support/FaultMatrix.h"
 #include "support/HfsReference.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <array>
-#include <map>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -15,14 +15,6 @@ namespace {
 using namespace tests;
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-std::string faultName(Fault fault) {
-    static std::map<Fault, std::string> const names{{Fault::SeekFails, "SeekFails"},
-                                                    {Fault::ReadFails, "ReadFails"},
-                                                    {Fault::ReadShort, "ReadShort"},
-                                                    {Fault::ReadEmpty, "ReadEmpty"}};
-    return names.at(fault);
-}
 
 /// A map in 44 fragments, of which a tree of three levels tells: a header, seven nodes, and the map's own reads.
 HfsBuilder makeVolume(std::uint32_t blockSize) {
@@ -52,27 +44,26 @@ constexpr std::uint64_t lengthOf(std::uint32_t blockSize) {
     return std::uint64_t{3} * blockSize + 100;
 }
 
-using FaultAndBlockSize = std::tuple<Fault, std::uint32_t>;
-
-std::string caseName(testing::TestParamInfo<FaultAndBlockSize> const& instance) {
-    return faultName(std::get<0>(instance.param)) + "By" + std::to_string(std::get<1>(instance.param));
-}
-
 /// Faults in the calls of one request, each in its turn.
-class HfsRequestFault : public testing::TestWithParam<FaultAndBlockSize> {
+class HfsRequestFault : public testing::TestWithParam<FaultAndSize> {
 protected:
-    /// What the parser does when its request's n-th call goes wrong.
-    HfsOutcome faulted(unsigned n, bool& fired) {
-        FaultyReader const faulty(front, fault, n + 1); // call 0 is the constructor's
-        RecordingReader const reader(faulty);
-        RecordingLogger logger;
-        ExposedHfsParser const parser(logger, 512, reader);
-        HfsOutcome const first = request(parser, logger, reader);
-        fired = faulty.fired;
-        if (fired) {
-            EXPECT_EQ(request(parser, logger, reader), clean) << "the next is as if nothing had been: call " << n;
-        }
-        return first;
+    /// Gives a check what the parser does when each call of its request goes wrong; how many calls there are.
+    template <typename Check>
+    unsigned forEachOutcome(Check const& check) {
+        // Call 0 is the constructor's.
+        return forEachCall(front, fault, 1,
+                           [&](FaultyReader const& faulty, unsigned n) {
+                               RecordingReader const reader(faulty);
+                               RecordingLogger logger;
+                               ExposedHfsParser const parser(logger, 512, reader);
+                               HfsOutcome const first = request(parser, logger, reader);
+                               if (faulty.fired) {
+                                   EXPECT_EQ(request(parser, logger, reader), clean)
+                                       << "the next is as if nothing had been";
+                                   check(first, n - 1);
+                               }
+                           }) -
+               1;
     }
 
     HfsOutcome request(ExposedHfsParser const& parser, RecordingLogger& logger, RecordingReader const& reader) const {
@@ -97,27 +88,19 @@ protected:
 
 TEST_P(HfsRequestFault, GivesWhatTheAccountOfItGives) {
     ASSERT_EQ(clean.result, static_cast<long>(8 * lengthOf(blockSize)));
-    unsigned n = 0;
     unsigned different = 0;
-    for (bool fired = true;; ++n) {
-        HfsOutcome const outcome = faulted(n, fired);
-        if (!fired) {
-            break;
-        }
+    unsigned const calls = forEachOutcome([&](HfsOutcome const& outcome, unsigned n) {
         FaultyReader const faulty(front, fault, n);
         HfsReference reference(faulty, headerBytes(builder));
-        ASSERT_EQ(outcome, reference.chunk(offsetOf(blockSize), lengthOf(blockSize))) << "call " << n;
+        ASSERT_EQ(outcome, reference.chunk(offsetOf(blockSize), lengthOf(blockSize)));
         different += outcome.result != clean.result || outcome.buffer != clean.buffer ? 1U : 0U;
-    }
-    EXPECT_EQ(n, clean.calls.size() / 2) << "every call of the request had its turn";
+    });
+    EXPECT_EQ(calls, clean.calls.size() / 2) << "every call of the request had its turn";
     EXPECT_GE(different, 4U) << "the fault must have shown, in the map's own reads at least";
 }
 
-INSTANTIATE_TEST_SUITE_P(Faults, HfsRequestFault,
-                         testing::Combine(testing::Values(Fault::SeekFails, Fault::ReadFails, Fault::ReadShort,
-                                                          Fault::ReadEmpty),
-                                          testing::Values(512U, 4096U)),
-                         caseName);
+INSTANTIATE_TEST_SUITE_P(Faults, HfsRequestFault, testing::Combine(everyFault(), testing::Values(512U, 4096U)),
+                         faultAndSizeName);
 
 /// Faults that are failures.
 class HfsRequestFailure : public HfsRequestFault {};
@@ -125,16 +108,12 @@ class HfsRequestFailure : public HfsRequestFault {};
 TEST_P(HfsRequestFailure, IsNamedByWhatItHit) {
     std::size_t const reads = clean.calls.size() / 2;
     ASSERT_EQ(reads, 12U) << "a header, seven nodes, four pieces of map";
-    for (unsigned n = 0; n < reads; ++n) {
-        bool fired = false;
-        HfsOutcome const outcome = faulted(n, fired);
-        ASSERT_TRUE(fired);
+    unsigned const calls = forEachOutcome([&](HfsOutcome const& outcome, unsigned n) {
         EXPECT_EQ(outcome.result, -1);
         std::vector<LogEntry> expected{hfsSearchEntry()};
         long const offset = clean.calls.at(2 * n).argument;
         if (fault == Fault::ReadFails) {
-            expected.push_back(debugEntry("CHUNK READ FILE FAILED: OFFSET: " + std::to_string(offset) + " - " +
-                                          std::to_string(clean.calls.at(2 * n + 1).argument) + " BYTES"));
+            expected.push_back(failedReadEntry(offset, clean.calls.at(2 * n + 1).argument));
         }
         if (n < 8) {
             // Several nodes share a block of 4 KiB: the entry names the node, the call its block.
@@ -147,15 +126,16 @@ TEST_P(HfsRequestFailure, IsNamedByWhatItHit) {
             expected.push_back(errorEntry("Error in HFS+ parsing read."));
         }
         expected.push_back(hfsWrapperEntry());
-        EXPECT_EQ(outcome.entries, expected) << "call " << n;
+        EXPECT_EQ(outcome.entries, expected);
         EXPECT_EQ(outcome.calls.size(), 2 * n + (fault == Fault::SeekFails ? 1U : 2U)) << "nothing comes after it";
-    }
+    });
+    EXPECT_EQ(calls, reads);
 }
 
 INSTANTIATE_TEST_SUITE_P(Faults, HfsRequestFailure,
                          testing::Combine(testing::Values(Fault::SeekFails, Fault::ReadFails),
                                           testing::Values(512U, 4096U)),
-                         caseName);
+                         faultAndSizeName);
 
 class HfsConstructionFault : public testing::TestWithParam<unsigned> {
 protected:
@@ -176,8 +156,7 @@ TEST_P(HfsConstructionFault, FailedReadIsUnreadable) {
     FaultyReader const faulty(front, Fault::ReadFails, 0);
     EXPECT_THAT([&] { ExposedHfsParser(logger, GetParam(), faulty); },
                 testing::ThrowsMessage<std::runtime_error>(testing::StrEq("Error reading HFS+ superblock.")));
-    EXPECT_THAT(logger.entries, ElementsAre(debugEntry("CHUNK READ FILE FAILED: OFFSET: 0 - " +
-                                                       std::to_string(GetParam()) + " BYTES")));
+    EXPECT_THAT(logger.entries, ElementsAre(failedReadEntry(0, GetParam())));
 }
 
 TEST_P(HfsConstructionFault, EmptyReadIsAnotherFileSystem) {

@@ -1,4 +1,5 @@
 // Making an NTFS parser when the n-th seek or read goes wrong: one exact outcome each.
+#include "support/FaultMatrix.h"
 #include "support/NtfsBench.h"
 
 #include <gmock/gmock.h>
@@ -27,10 +28,6 @@ LogEntry const kRecord0 = readingEntry(0, 16384);
 LogEntry const kRecord1 = readingEntry(1, 17408);
 LogEntry const kSearch = searchingDataEntry();
 
-LogEntry failedRead(std::string const& place, std::string const& size) {
-    return debugEntry("CHUNK READ FILE FAILED: OFFSET: " + place + " - " + size + " BYTES");
-}
-
 class NtfsConstructionFaults : public testing::TestWithParam<FaultCase> {};
 
 TEST_P(NtfsConstructionFaults, HaveOneOutcome) {
@@ -48,9 +45,9 @@ INSTANTIATE_TEST_SUITE_P(
     BootSector, NtfsConstructionFaults,
     testing::Values(
         FaultCase{"SeekFails", Fault::SeekFails, 0, 512, "Can't read ntfs boot sector", {}, 1},
-        FaultCase{"ReadFails", Fault::ReadFails, 0, 512, "Can't read ntfs boot sector", {failedRead("0", "512")}, 2},
+        FaultCase{"ReadFails", Fault::ReadFails, 0, 512, "Can't read ntfs boot sector", {failedReadEntry(0, 512)}, 2},
         FaultCase{
-            "ReadFailsWide", Fault::ReadFails, 0, 4096, "Can't read ntfs boot sector", {failedRead("0", "4096")}, 2},
+            "ReadFailsWide", Fault::ReadFails, 0, 4096, "Can't read ntfs boot sector", {failedReadEntry(0, 4096)}, 2},
         FaultCase{
             "ReadEmpty", Fault::ReadEmpty, 0, 512, "Not an NTFS filesystem", {debugEntry("Invalid NTFS magic.")}, 2},
         // Half of it holds every field; the end marker alone is missed.
@@ -68,7 +65,7 @@ INSTANTIATE_TEST_SUITE_P(
     Record0, NtfsConstructionFaults,
     testing::Values(
         FaultCase{"SeekFails", Fault::SeekFails, 1, 512, kMagic, {kRecord0}, 3},
-        FaultCase{"ReadFails", Fault::ReadFails, 1, 512, kMagic, {kRecord0, failedRead("16384", "1024")}, 4},
+        FaultCase{"ReadFails", Fault::ReadFails, 1, 512, kMagic, {kRecord0, failedReadEntry(16384, 1024)}, 4},
         FaultCase{"ReadEmpty", Fault::ReadEmpty, 1, 512, kMagic, {kRecord0}, 4},
         // The code of a short record is not asked for: what came passes the checks when all in use is there.
         FaultCase{"ReadShort", Fault::ReadShort, 1, 512, kMade, {kRecord0, kSearch, kRecord1}, 6},
@@ -83,7 +80,7 @@ INSTANTIATE_TEST_SUITE_P(
                               2,
                               512,
                               kProof,
-                              {kRecord0, kSearch, kRecord1, failedRead("17408", "1024")},
+                              {kRecord0, kSearch, kRecord1, failedReadEntry(17408, 1024)},
                               6},
                     FaultCase{"ReadEmpty", Fault::ReadEmpty, 2, 512, kProof, {kRecord0, kSearch, kRecord1}, 6},
                     FaultCase{"ReadShort", Fault::ReadShort, 2, 512, kProof, {kRecord0, kSearch, kRecord1}, 6},

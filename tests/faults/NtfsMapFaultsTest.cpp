@@ -1,4 +1,5 @@
 // An NTFS volume whose n-th seek or read goes wrong while a file's runs and the bitmap are asked for.
+#include "support/FaultMatrix.h"
 #include "support/NtfsListVolume.h"
 
 #include <gmock/gmock.h>
@@ -104,50 +105,44 @@ TEST_F(NtfsMapFaults, EachSeekAndReadThatFailsHasItsOwnEnd) {
         chunk(-1, half),                             // and its second
     };
     for (Fault const fault : {Fault::SeekFails, Fault::ReadFails}) {
-        for (unsigned n = 0; n < expected.size(); ++n) {
-            FaultyReader const faulty(*volume, fault, n);
-            EXPECT_EQ(walk(faulty), expected[n]) << n;
-            EXPECT_TRUE(faulty.fired);
-        }
-        FaultyReader const faulty(*volume, fault, static_cast<unsigned>(expected.size()));
-        EXPECT_EQ(walk(faulty), sound);
-        EXPECT_FALSE(faulty.fired) << "the walk has no other access";
+        unsigned const calls = forEachCall(*volume, fault, 0, [&](FaultyReader const& faulty, unsigned n) {
+            ASSERT_LE(n, expected.size()) << "the walk has no other access";
+            EXPECT_EQ(walk(faulty), n < expected.size() ? expected[n] : sound);
+        });
+        EXPECT_EQ(calls, expected.size());
     }
 }
 
 TEST_F(NtfsMapFaults, ShortReadsNeverGiveBitsThatAreNotThere) {
     for (Fault const fault : {Fault::ReadShort, Fault::ReadEmpty}) {
-        for (unsigned n = 0;; ++n) {
-            FaultyReader const faulty(*volume, fault, n);
+        unsigned const calls = forEachCall(*volume, fault, 0, [&](FaultyReader const& faulty, unsigned) {
             Walk const done = walk(faulty);
-            if (!faulty.fired) {
-                EXPECT_GE(n, 11U);
-                break;
-            }
             for (std::int64_t const lcn : done.runs) {
-                EXPECT_NE(std::find(sound.runs.begin(), sound.runs.end(), lcn), sound.runs.end()) << n;
+                EXPECT_NE(std::find(sound.runs.begin(), sound.runs.end(), lcn), sound.runs.end());
             }
             if (done.result == 12000) {
-                EXPECT_EQ(done.bits, sound.bits) << n;
+                EXPECT_EQ(done.bits, sound.bits);
             } else if (done.refusal.empty()) {
-                EXPECT_LT(done.result, 12000) << "what was not delivered is not counted; " << n;
+                EXPECT_LT(done.result, 12000) << "what was not delivered is not counted";
             }
-        }
+        });
+        EXPECT_GE(calls, 11U);
     }
 }
 
 TEST_F(NtfsMapFaults, AfterAFaultTheSameParserAnswersAsEver) {
     for (Fault const fault : {Fault::SeekFails, Fault::ReadFails, Fault::ReadShort, Fault::ReadEmpty}) {
-        for (unsigned n = 3;; ++n) { // behind construction
-            FaultyReader const faulty(*volume, fault, n);
+        // Calls 0 to 2 are the constructor's.
+        unsigned const calls = forEachCall(*volume, fault, 3, [&](FaultyReader const& faulty, unsigned) {
             walk(faulty);
             if (!faulty.fired) {
-                break;
+                return;
             }
             Walk again;
             ask(again);
-            EXPECT_EQ(again, sound) << n;
-        }
+            EXPECT_EQ(again, sound);
+        });
+        EXPECT_GT(calls, 3U);
     }
 }
 

@@ -1,4 +1,5 @@
 // The XFS parser when the n-th seek or read goes wrong: the documented error, or the documented zeros, and on it goes.
+#include "support/FaultMatrix.h"
 #include "support/XfsRun.h"
 
 #include <gmock/gmock.h>
@@ -6,7 +7,6 @@
 
 #include <algorithm>
 #include <map>
-#include <new>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -27,14 +27,6 @@ XfsBuilder makeVolume() {
     builder.setFreeList(0, 0, {402, 403});
     builder.plantTree(1, {{5, 20}, {40, 2}, {60, 30}, {120, 9}, {150, 100}}, {2, 2, 300});
     return builder.setFreeList(1, 5, {30, 31, 32});
-}
-
-std::string faultName(Fault fault) {
-    static std::map<Fault, std::string> const names{{Fault::SeekFails, "SeekFails"},
-                                                    {Fault::ReadFails, "ReadFails"},
-                                                    {Fault::ReadShort, "ReadShort"},
-                                                    {Fault::ReadEmpty, "ReadEmpty"}};
-    return names.at(fault);
 }
 
 /// What a read of the walk is for.
@@ -81,17 +73,10 @@ std::vector<LogEntry> withoutTrace(std::vector<LogEntry> const& entries) {
     return rest;
 }
 
-using FaultAndAlignment = std::tuple<Fault, unsigned>;
-
-std::string caseName(testing::TestParamInfo<FaultAndAlignment> const& instance) {
-    return faultName(std::get<0>(instance.param)) + "By" + std::to_string(std::get<1>(instance.param));
-}
-
 /// A request on a reader of which one call goes wrong.
 struct FaultyRun {
-    FaultyRun(agent::core::IVolumeReader const& volume, Fault fault, unsigned n, unsigned alignment,
-              XfsTrace trace = XfsTrace::On)
-        : faulty(volume, fault, n), reader(faulty), logger(trace), parser(logger, alignment, reader) {}
+    FaultyRun(FaultyReader const& faulty, unsigned alignment, XfsTrace trace = XfsTrace::On)
+        : reader(faulty), logger(trace), parser(logger, alignment, reader) {}
 
     XfsOutcome chunk() {
         logger.entries.clear();
@@ -104,72 +89,72 @@ struct FaultyRun {
         return outcome;
     }
 
-    FaultyReader faulty;
     RecordingReader reader;
     XfsLogger logger;
     ExposedXfsParser parser;
 };
 
-class XfsChunkFailure : public testing::TestWithParam<FaultAndAlignment> {};
+class XfsChunkFailure : public testing::TestWithParam<FaultAndSize> {};
 
 TEST_P(XfsChunkFailure, IsNamedOnceAndTheNextRequestSucceeds) {
-    auto const [fault, alignment] = GetParam();
+    Fault const fault = std::get<0>(GetParam());
+    unsigned const alignment = std::get<1>(GetParam());
     MemoryReader const volume = makeVolume().reader();
     XfsOutcome const clean = XfsBench(makeVolume(), alignment).chunk(kStart, kBytes);
     ASSERT_EQ(clean.result, 320);
     std::vector<Part> const parts = partsOf(clean);
     ASSERT_EQ(parts.size() * 2, clean.calls.size());
-    unsigned n = 1; // call 0 is the constructor's
-    for (;; ++n) {
-        FaultyRun run(volume, fault, n, alignment);
+    // Call 0 is the constructor's.
+    unsigned const all = forEachCall(volume, fault, 1, [&](FaultyReader const& faulty, unsigned n) {
+        FaultyRun run(faulty, alignment);
         XfsOutcome const outcome = run.chunk();
-        if (!run.faulty.fired) {
+        if (!faulty.fired) {
             EXPECT_EQ(outcome, clean);
-            break;
+            return;
         }
         EXPECT_EQ(outcome.result, -1);
-        EXPECT_EQ(withoutTrace(outcome.entries), causeOf(parts.at(n - 1))) << "call " << n;
+        EXPECT_EQ(withoutTrace(outcome.entries), causeOf(parts.at(n - 1)));
         // Nothing is asked for after the call that failed.
         std::size_t const calls = (n - 1) * 2 + (fault == Fault::SeekFails ? 1 : 2);
         EXPECT_EQ(outcome.calls, std::vector(clean.calls.begin(), clean.calls.begin() + static_cast<long>(calls)));
         bool const isRead = fault == Fault::ReadFails;
-        std::string const text =
-            "CHUNK READ FILE FAILED: OFFSET: " + std::to_string(clean.calls.at((n - 1) * 2).argument) + " - " +
-            std::to_string(clean.calls.at((n - 1) * 2 + 1).argument) + " BYTES";
-        EXPECT_THAT(outcome.entries, testing::Contains(debugEntry(text)).Times(isRead ? 1 : 0));
+        LogEntry const entry =
+            failedReadEntry(clean.calls.at((n - 1) * 2).argument, clean.calls.at((n - 1) * 2 + 1).argument);
+        EXPECT_THAT(outcome.entries, testing::Contains(entry).Times(isRead ? 1 : 0));
         EXPECT_EQ(run.chunk(), clean);
 
-        FaultyRun quiet(volume, fault, n, alignment, XfsTrace::Off);
+        FaultyReader const again(volume, fault, n);
+        FaultyRun quiet(again, alignment, XfsTrace::Off);
         XfsOutcome const untraced = quiet.chunk();
         EXPECT_EQ(untraced.calls, outcome.calls);
         EXPECT_EQ(untraced.entries, withoutTrace(outcome.entries));
-    }
-    EXPECT_EQ(n, 1 + parts.size()) << "every call of the chunk had its turn";
+    });
+    EXPECT_EQ(all, 1 + parts.size()) << "every call of the chunk had its turn";
 }
 
 INSTANTIATE_TEST_SUITE_P(Faults, XfsChunkFailure,
                          testing::Combine(testing::Values(Fault::SeekFails, Fault::ReadFails),
                                           testing::Values(8U, 512U, 4096U)),
-                         caseName);
+                         faultAndSizeName);
 
 /// What the volume looks like to the read with the number `n` (of a chunk, from 0) when it comes short: the slow way,
 /// by a copy of the volume that lacks what was not delivered. Every read of a chunk has its own bytes where units are
 /// small; a node's records are read again by no other.
-class XfsChunkShortRead : public testing::TestWithParam<FaultAndAlignment> {};
+class XfsChunkShortRead : public testing::TestWithParam<FaultAndSize> {};
 
 TEST_P(XfsChunkShortRead, ReadsAsZerosAndTheNextRequestIsWhole) {
-    auto const [fault, alignment] = GetParam();
+    Fault const fault = std::get<0>(GetParam());
+    unsigned const alignment = std::get<1>(GetParam());
     XfsBuilder const good = makeVolume();
     MemoryReader const volume = good.reader();
     XfsOutcome const clean = XfsBench(good, alignment).chunk(kStart, kBytes);
     std::vector<Part> const parts = partsOf(clean);
     std::map<std::string, unsigned> ends;
-    unsigned n = 1;
-    for (;; ++n) {
-        FaultyRun run(volume, fault, n, alignment);
+    unsigned const all = forEachCall(volume, fault, 1, [&](FaultyReader const& faulty, unsigned) {
+        FaultyRun run(faulty, alignment);
         XfsOutcome const outcome = run.chunk();
-        if (!run.faulty.fired) {
-            break;
+        if (!faulty.fired) {
+            return;
         }
         auto const errors = withoutTrace(outcome.entries);
         if (outcome.result < 0) {
@@ -181,13 +166,13 @@ TEST_P(XfsChunkShortRead, ReadsAsZerosAndTheNextRequestIsWhole) {
             // Zeros are runs of nothing and the group's block 0: all else that is free was free before.
             for (std::uint64_t i = 0; i < kBytes; ++i) {
                 std::uint8_t const allowed = i == 12 ? 0x10 : 0; // block 500, the first of group 1
-                EXPECT_EQ(~outcome.buffer[i] & clean.buffer[i] & ~allowed & 0xFF, 0) << "call " << n << ", byte " << i;
+                EXPECT_EQ(~outcome.buffer[i] & clean.buffer[i] & ~allowed & 0xFF, 0) << "byte " << i;
             }
             ++ends[outcome.buffer == clean.buffer ? "same" : "fewer"];
         }
         EXPECT_EQ(run.chunk(), clean);
-    }
-    EXPECT_EQ(n, 1 + parts.size()) << "every read of the chunk had its turn";
+    });
+    EXPECT_EQ(all, 1 + parts.size()) << "every read of the chunk had its turn";
     if (fault == Fault::ReadEmpty) {
         auto const count = [&parts](Part part) {
             return static_cast<unsigned>(std::count(parts.begin(), parts.end(), part));
@@ -203,36 +188,7 @@ TEST_P(XfsChunkShortRead, ReadsAsZerosAndTheNextRequestIsWhole) {
 INSTANTIATE_TEST_SUITE_P(Faults, XfsChunkShortRead,
                          testing::Combine(testing::Values(Fault::ReadShort, Fault::ReadEmpty),
                                           testing::Values(4U, 512U, 4096U)),
-                         caseName);
-
-/// A reader whose n-th call, of either kind, has no memory to work with.
-class ExhaustedReader : public agent::core::IVolumeReader {
-public:
-    ExhaustedReader(agent::core::IVolumeReader const& inner, unsigned n) : inner_(inner), left_(n) {}
-
-    long read(void* buffer, long length) const override {
-        count();
-        return inner_.read(buffer, length);
-    }
-
-    long seek(long offset, int whence) const override {
-        count();
-        return inner_.seek(offset, whence);
-    }
-
-    mutable bool fired = false;
-
-private:
-    void count() const {
-        if (left_-- == 0) {
-            fired = true;
-            throw std::bad_alloc();
-        }
-    }
-
-    agent::core::IVolumeReader const& inner_;
-    mutable unsigned left_;
-};
+                         faultAndSizeName);
 
 TEST(XfsChunkWithoutMemory, LetsTheExceptionOutAndTheNextRequestSucceeds) {
     MemoryReader const volume = makeVolume().reader();
@@ -280,8 +236,7 @@ TEST_P(XfsConstructionFault, FailedReadIsUnreadable) {
     RecordingLogger logger;
     EXPECT_THAT([&] { ExposedXfsParser(logger, GetParam(), faulty); },
                 testing::ThrowsMessage<std::runtime_error>(testing::StrEq("Can't read XFS super block.")));
-    EXPECT_THAT(logger.entries, ElementsAre(debugEntry("CHUNK READ FILE FAILED: OFFSET: 0 - " +
-                                                       std::to_string(GetParam()) + " BYTES")));
+    EXPECT_THAT(logger.entries, ElementsAre(failedReadEntry(0, GetParam())));
 }
 
 TEST_P(XfsConstructionFault, EmptyReadIsAnotherFileSystem) {

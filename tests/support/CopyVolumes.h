@@ -1,0 +1,24 @@
+// Small sound volumes of every file system, full of bytes, to be copied; and what a copy of each must hold.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace tests {
+
+/// A volume whose every byte outside its own structures is not zero.
+struct CopyVolume {
+    std::string name;
+    std::vector<std::uint8_t> bytes;
+    std::uint64_t unitSize;
+    std::vector<bool> used; ///< one element a unit, the first at byte 0
+};
+
+/// One of each file system; of ext, NTFS and HFS+ also one whose map lies in pieces.
+std::vector<CopyVolume> const& copyVolumes();
+
+/// The first used unit in which a copy differs; the number of units where it differs in none.
+std::uint64_t firstLoss(CopyVolume const& volume, std::vector<std::uint8_t> const& copy);
+
+} // namespace tests
