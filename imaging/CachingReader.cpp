@@ -17,13 +17,25 @@ constexpr std::size_t kAddressAlignment = 4096;
 CachingReader::CachingReader(agent::core::IVolumeReader const& inner, std::size_t pages)
     : inner_(inner), capacity_(pages) {}
 
+/// A new page while there may be more, else the one that was used longest ago.
+CachingReader::Page CachingReader::takePage() const {
+    if (pages_.size() < capacity_) {
+        Page page{0, 0, decltype(Page::bytes)(agent::AlignedAllocator<char>(kAddressAlignment))};
+        page.bytes.resize(kPageBytes);
+        return page;
+    }
+    Page page = std::move(pages_.back());
+    index_.erase(page.number);
+    pages_.pop_back();
+    return page;
+}
+
 CachingReader::Page const* CachingReader::find(std::uint64_t number) const {
     if (auto const known = index_.find(number); known != index_.end()) {
         pages_.splice(pages_.begin(), pages_, known->second);
         return &pages_.front();
     }
-    Page page{number, 0, decltype(Page::bytes)(agent::AlignedAllocator<char>(kAddressAlignment))};
-    page.bytes.resize(kPageBytes);
+    Page page = takePage();
     if (inner_.seek(static_cast<long>(number * kPageBytes), SEEK_SET) < 0) {
         return nullptr;
     }
@@ -31,11 +43,8 @@ CachingReader::Page const* CachingReader::find(std::uint64_t number) const {
     if (count < 0) {
         return nullptr; // nothing is kept of a failure: the next reading may do better
     }
+    page.number = number;
     page.size = static_cast<std::uint64_t>(count);
-    if (pages_.size() == capacity_) {
-        index_.erase(pages_.back().number);
-        pages_.pop_back();
-    }
     pages_.push_front(std::move(page));
     index_[number] = pages_.begin();
     return &pages_.front();
@@ -43,15 +52,17 @@ CachingReader::Page const* CachingReader::find(std::uint64_t number) const {
 
 long CachingReader::read(void* buffer, long length) const {
     auto const wanted = static_cast<std::uint64_t>(length);
-    if (wanted > kPageBytes) {
+    if (wanted > kLongestKept) {
         return readAround(buffer, length);
     }
+    std::uint64_t const start = position_;
     std::uint64_t done = 0;
     while (done < wanted) {
         std::uint64_t const within = position_ % kPageBytes;
         Page const* const page = find(position_ / kPageBytes);
         if (page == nullptr) {
-            return -1;
+            position_ = start; // what was asked for may be readable all the same
+            return readAround(buffer, length);
         }
         std::uint64_t const there = page->size - std::min(page->size, within);
         std::uint64_t const count = std::min(there, wanted - done);
@@ -80,6 +91,11 @@ long CachingReader::seek(long offset, int whence) const {
     }
     position_ = static_cast<std::uint64_t>(offset);
     return offset;
+}
+
+void CachingReader::forget() const {
+    index_.clear();
+    pages_.clear();
 }
 
 std::string CachingReader::getVolumePath() const {

@@ -13,13 +13,17 @@
 namespace imaging {
 
 /// Keeps a fixed number of pages, the last used ones: records and index blocks that are asked for again and again cost
-/// one read of the volume. Long reads pass by. The volume must not change meanwhile.
+/// one read of the volume. Long reads pass by, and so do reads on a page that cannot be read as a whole. The volume
+/// must not change meanwhile.
 class CachingReader : public agent::core::IVolumeReader {
 public:
-    /// Bytes of a page; reads of more than one page pass by.
+    /// Bytes of a page.
     static constexpr std::uint64_t kPageBytes = std::uint64_t{64} * 1024;
 
-    /// @param inner  not owned; must outlive this reader; takes reads of whole pages at multiples of a page
+    /// Longer reads pass by: they are not asked for again, and would be copied once more than needed.
+    static constexpr std::uint64_t kLongestKept = std::uint64_t{16} * 1024;
+
+    /// @param inner  not owned; must outlive this reader; takes reads of any length anywhere
     /// @param pages  how many are kept, at least 1
     CachingReader(agent::core::IVolumeReader const& inner, std::size_t pages);
 
@@ -28,6 +32,9 @@ public:
     long seek(long offset, int whence) const override;
     std::string getVolumePath() const override;
 
+    /// Drops what is kept: whatever is asked for next is read anew.
+    void forget() const;
+
 private:
     struct Page {
         std::uint64_t number;
@@ -35,6 +42,7 @@ private:
         std::vector<char, agent::AlignedAllocator<char>> bytes;
     };
 
+    Page takePage() const;
     Page const* find(std::uint64_t number) const;
     long readAround(void* buffer, long length) const;
 

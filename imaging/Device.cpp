@@ -23,8 +23,7 @@ constexpr std::uint64_t kSafeAlignment = 4096;
 constexpr std::uint64_t kBufferedAlignment = 512;
 
 std::uint64_t fileAlignment(int descriptor) {
-    int const flags = ::fcntl(descriptor, F_GETFL);
-    if (flags != -1 && (flags & O_DIRECT) == 0) {
+    if (!usesDirectIo(descriptor)) {
         return kBufferedAlignment;
     }
 #ifdef STATX_DIOALIGN
@@ -55,6 +54,11 @@ void requireVolumePath(std::string const& path) {
     if (!S_ISREG(facts.st_mode) && !S_ISBLK(facts.st_mode)) {
         throw VolumeError(Trouble::NotUnderstood, path + ": is neither an image file nor a block device");
     }
+}
+
+bool usesDirectIo(int descriptor) {
+    int const flags = ::fcntl(descriptor, F_GETFL);
+    return flags == -1 || (flags & O_DIRECT) != 0;
 }
 
 std::uint64_t directIoAlignment(int descriptor) {

@@ -14,4 +14,7 @@ void requireVolumePath(std::string const& path);
 /// device; for a file what its file system states, or 4096 when it states nothing, or 512 without direct I/O.
 std::uint64_t directIoAlignment(int descriptor);
 
+/// Whether an open file is read with direct I/O.
+bool usesDirectIo(int descriptor);
+
 } // namespace imaging

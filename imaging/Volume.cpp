@@ -12,6 +12,13 @@
 
 namespace imaging {
 
+namespace {
+
+/// 8 MiB of what was read last.
+constexpr std::size_t kCachedPages = 128;
+
+} // namespace
+
 Volume::Volume(std::string const& path, std::uint64_t alignment, agent::info::Logger& logger, Place place,
                Budget const& budget)
     : filePath_(path), place_(std::move(place)), path_(path + (place_.name.empty() ? "" : " (" + place_.name + ")")),
@@ -32,16 +39,17 @@ void Volume::open() {
                           path_ + ": cannot be opened: " + agent::PosixError::strerror(device_->getLastError()));
     }
     size_ = static_cast<std::uint64_t>(device_->size());
+    isReadDirectly_ = usesDirectIo(device_->getHandle());
     std::uint64_t const needed = directIoAlignment(device_->getHandle());
     if (alignment_ == 0) {
         alignment_ = needed;
     }
     aligning_.emplace(*device_, needed);
-    agent::core::IVolumeReader const* inner = &*aligning_;
+    agent::core::IVolumeReader const* inner = &cache_.emplace(*aligning_, kCachedPages);
     if (place_.start != 0 || place_.size) {
         std::uint64_t const rest = size_ - std::min(size_, place_.start);
         size_ = std::min(rest, place_.size.value_or(rest));
-        inner = &slice_.emplace(*aligning_, place_.start, size_);
+        inner = &slice_.emplace(*cache_, place_.start, size_);
     }
     budget_.emplace(logger_, *inner, limits_);
     strict_.emplace(logger_, *budget_, size_, alignment_);

@@ -5,6 +5,7 @@
 #include "agent/core/fs/IFileSystemType.h"
 #include "imaging/AligningReader.h"
 #include "imaging/BudgetReader.h"
+#include "imaging/CachingReader.h"
 #include "imaging/Error.h"
 #include "imaging/ReasonLogger.h"
 #include "imaging/SliceReader.h"
@@ -54,6 +55,9 @@ public:
     /// Bytes, the granularity in which the library is asked to read.
     std::uint64_t alignment() const { return alignment_; }
 
+    /// Whether reads pass by the system's page cache.
+    bool isReadDirectly() const { return isReadDirectly_; }
+
     /// What the library's detector found.
     agent::core::fs::FileSystemCode fileSystem() const { return code_; }
 
@@ -62,6 +66,9 @@ public:
 
     /// The reader that parsers are given: it takes reads of any granularity, and bytes that are not there are an error.
     StrictReader& reader() { return *strict_; }
+
+    /// Drops what was kept of earlier reads, so that a change of the volume is seen.
+    void forgetReads() { cache_->forget(); }
 
     /// The logger that parsers are given.
     ReasonLogger& logger() { return logger_; }
@@ -83,8 +90,10 @@ private:
     ReasonLogger logger_;
     std::uint64_t alignment_;
     std::uint64_t size_ = 0;
+    bool isReadDirectly_ = false;
     std::optional<agent::core::backup::VolumeReader> device_;
     std::optional<AligningReader> aligning_;
+    std::optional<CachingReader> cache_;
     std::optional<SliceReader> slice_; // when the place is not the whole disk
     Budget limits_;
     std::optional<BudgetReader> budget_;

@@ -172,6 +172,7 @@ std::optional<std::string> VolumeMap::uncleanReason() const {
 }
 
 MapTotals VolumeMap::walk(RunSink const& sink, Progress const& progress) {
+    volume_.forgetReads(); // a second walk tells whether the volume changed
     MapTotals totals;
     RunBuilder corrected(sink);
     Corrector quiet(geometry(), normalized(answerer_.countedAsUsed, volume_.size()), corrected);

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cmath>
 #include <string>
 
 namespace imaging::ext {
@@ -21,8 +22,8 @@ namespace {
 /// The format goes up to 64 KiB blocks (log 6).
 constexpr std::uint32_t kLargestLogBlockSize = 6;
 
-/// Chunks are as long as the descriptor table that the parser reads at each call, between these bounds. A table of the
-/// largest volume that the parser covers (2^32 blocks of 1 KiB, descriptors of 64 bytes) has 32 MiB.
+/// The parser reads the descriptor table at each call. Chunks of the root of map times table make a fixed number of
+/// calls of it, so that the whole grows with the volume and no faster; they lie between these bounds.
 constexpr std::uint64_t kShortestChunk = std::uint64_t{1} << 20;
 constexpr std::uint64_t kLongestChunk = std::uint64_t{32} << 20;
 
@@ -118,9 +119,11 @@ std::uint64_t chunkBytes(Facts const& facts) {
     if (facts.blocksPerGroup == 0) {
         return kShortestChunk; // the parser refuses such a volume at once
     }
-    std::uint64_t const groups = facts.blocks / facts.blocksPerGroup + 1;
-    std::uint64_t const table = std::min(groups, kLongestChunk) * facts.descriptorSize;
-    return std::clamp(table, kShortestChunk, kLongestChunk);
+    double const groups = static_cast<double>(facts.blocks) / facts.blocksPerGroup + 1;
+    double const table = groups * facts.descriptorSize;
+    double const map = static_cast<double>(facts.blocks) / 8;
+    double const root = std::min(std::sqrt(map * table), static_cast<double>(kLongestChunk));
+    return std::max(static_cast<std::uint64_t>(root), kShortestChunk);
 }
 
 Geometry makeGeometry(Facts const& facts) {

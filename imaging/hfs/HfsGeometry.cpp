@@ -19,8 +19,10 @@ namespace {
 
 using Reason = std::optional<std::string>;
 
-/// The parser reads the overflow tree again at each chunk; long chunks make that cheap.
+/// The parser reads the overflow tree, where it needs it, again at each chunk; long chunks make that cheap. Without it,
+/// and from the page cache, short chunks stay in the processor's.
 constexpr std::uint64_t kChunkBytes = std::uint64_t{8} << 20;
+constexpr std::uint64_t kCachedChunkBytes = std::uint64_t{64} << 10;
 
 constexpr std::uint64_t kSmallestBlock = 512;
 
@@ -170,7 +172,8 @@ Answerer open(Volume& volume) {
     geometry.unitSize = header.blockSize;
     geometry.units = header.blocks;
     geometry.bytes = geometry.units * geometry.unitSize;
-    geometry.chunkBytes = kChunkBytes;
+    bool const needsTree = header.allocation.blocks > header.allocation.blocksInHeader();
+    geometry.chunkBytes = needsTree || volume.isReadDirectly() ? kChunkBytes : kCachedChunkBytes;
     auto reader = std::make_shared<Presentation const>(volume, place, bytes);
     auto parser = makeParserOn<agent::core::fs::HFSParser>(volume, *reader, kHeaderBytes);
     geometry.notBelieved = findOddHeader(header);

@@ -11,8 +11,10 @@ namespace imaging::ntfs {
 
 namespace {
 
-/// A chunk asks for a few records again; long chunks make that cheap.
+/// A chunk asks for a few records again, which long chunks make cheap; so does the page cache, and where it holds the
+/// volume, short chunks stay in the processor's.
 constexpr std::uint64_t kChunkBytes = std::uint64_t{4} << 20;
+constexpr std::uint64_t kCachedChunkBytes = std::uint64_t{64} << 10;
 
 constexpr unsigned long kMftRecord = 0;
 constexpr unsigned long kMirrorRecord = 1;
@@ -211,7 +213,7 @@ Geometry readGeometry(Volume& volume, Boot const& boot) {
     geometry.unitSize = boot.clusterSize();
     geometry.units = boot.totalSectors / boot.sectorsPerCluster;
     geometry.bytes = geometry.units * geometry.unitSize;
-    geometry.chunkBytes = kChunkBytes;
+    geometry.chunkBytes = volume.isReadDirectly() ? kChunkBytes : kCachedChunkBytes;
     if (geometry.units == 0 || geometry.units > (std::uint64_t{1} << 63) / geometry.unitSize - 1) {
         throw VolumeError(Trouble::NotUnderstood, volume.path() +
                                                       ": the NTFS boot sector at byte 0 describes no volume: it has " +

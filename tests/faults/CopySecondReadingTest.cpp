@@ -50,7 +50,7 @@ protected:
 
 TEST_P(CopySecondReading, LosesNothingInSilence) {
     std::vector<unsigned> const numbers = repeatedReads(bench);
-    ASSERT_GT(numbers.size(), 2U) << "the map is read twice";
+    ASSERT_GE(numbers.size(), 2U) << "the map is read twice";
     unsigned noticed = 0;
     for (unsigned const n : numbers) {
         VolumeCalls const calls(bench.path, CallFault::OtherBytes, n, other, n);

@@ -234,7 +234,7 @@ TEST(ImagingExtGeometry, ASuperblockThatIsCutOffIsRefused) {
     EXPECT_EQ(geometryOf(changed([](ExtBuilder& b) { b.resize(2048); })).units, 20000U);
 }
 
-TEST(ImagingExtGeometry, AChunkIsAsLongAsTheDescriptorTableBetweenBounds) {
+TEST(ImagingExtGeometry, AChunkIsTheRootOfMapTimesDescriptorTableBetweenBounds) {
     EXPECT_EQ(geometryOf(makeSoundExtVolume()).chunkBytes, kMiB);
     auto const chunkBytes = [](std::uint32_t blocks, std::uint32_t blocksPerGroup) {
         return geometryOf(changed([=](ExtBuilder& b) {
@@ -243,8 +243,8 @@ TEST(ImagingExtGeometry, AChunkIsAsLongAsTheDescriptorTableBetweenBounds) {
                }))
             .chunkBytes;
     };
-    EXPECT_EQ(chunkBytes(8192 * 65536 - 1, 8192), 65536U * 32);
-    EXPECT_EQ(chunkBytes(0xFFFFFFFF, 8192), 16 * kMiB);
+    EXPECT_EQ(chunkBytes(8192 * 8192 - 1, 8192), 1483000U) << "8 MiB of map and 8193 descriptors of 32 bytes";
+    EXPECT_EQ(chunkBytes(0xFFFFFFFF, 8192), 32 * kMiB);
     EXPECT_EQ(chunkBytes(0xFFFFFFFF, 1), 32 * kMiB);
     EXPECT_EQ(chunkBytes(20001, 0), kMiB);
 }
