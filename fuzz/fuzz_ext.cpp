@@ -1,44 +1,28 @@
-// Fuzzes the ext parser: construction, then chunks from several starts.
-#include "FuzzReader.h"
+// Fuzzes the ext parser: construction, then the map from several starts.
+#include "MapWalk.h"
 
 #include "agent/core/fs/EXTParser.h"
 
-#include <array>
-#include <cstdlib>
-#include <new>
+#include <memory>
 #include <stdexcept>
 
-namespace {
-
-/// A volume may claim 2^32 groups of one block; a few chunks reach all of the code.
-constexpr int kMostChunks = 4;
-
-void walk(agent::core::fs::EXTParser const& parser, unsigned long start) {
-    std::array<char, 256> chunk{};
-    for (int i = 0; i < kMostChunks; ++i) {
-        long const count = parser.getChunk(start, chunk.data(), chunk.size());
-        if (count > static_cast<long>(chunk.size() * 8)) {
-            std::abort();
-        }
-        if (count <= 0) {
-            return;
-        }
-        start += static_cast<unsigned long>(count);
-    }
-}
-
-} // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
-    fuzz::SpanReader const volume({data, size});
-    fuzz::SinkLogger logger;
-    try {
-        agent::core::fs::EXTParser const parser(logger, 512, volume);
-        for (unsigned long const start : {0UL, 1UL, 40000UL, 0xFFFFFFF0UL}) {
-            walk(parser, start);
-        }
-    } catch (std::runtime_error const&) { // not a volume
-    } catch (std::bad_alloc const&) {     // a table that memory cannot hold
+    fuzz::Image const image = fuzz::Image::unpack({data, size});
+    fuzz::Request request(image, 0); // the boot block
+    fuzz::ImageReader const volume(image);
+    unsigned const alignment = request.alignment();
+    std::size_t const bytes = 1 + request.number(2) % 4096;
+    unsigned long const start = request.number(4);
+    fuzz::SinkLogger logger(request.number(1) % 2 == 0);
+    std::unique_ptr<agent::core::fs::EXTParser> parser;
+    fuzz::mayThrow<std::runtime_error, std::invalid_argument>(
+        [&] { parser = std::make_unique<agent::core::fs::EXTParser>(logger, alignment, volume); });
+    if (parser == nullptr) {
+        return 0;
+    }
+    for (unsigned long const from : {0UL, 1UL, start, 0xFFFFFFF0UL}) {
+        volume.renew();
+        fuzz::walkMap<std::bad_alloc>(*parser, from, bytes);
     }
     return 0;
 }

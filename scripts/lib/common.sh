@@ -11,7 +11,11 @@ build_packages=(g++ cmake ninja-build libcli11-dev libfmt-dev nlohmann-json3-dev
 sample_packages=(e2fsprogs ntfs-3g dosfstools mtools xfsprogs xorriso)
 test_packages=(python3-samba libgtest-dev libgmock-dev clang-14 libclang-rt-14-dev binutils e2fsprogs ntfs-3g dosfstools
     mtools xfsprogs xorriso hfsplus libfshfs-utils sleuthkit partclone mount util-linux fdisk bmap-tools gddrescue nbdkit
-    libnbd-bin qemu-utils)
+    libnbd-bin qemu-utils exfatprogs btrfs-progs apfsprogs mandoc groff-base zsh jq xxd zstd less
+    abigail-tools xz-utils make doxygen)
+bench_packages=(libbenchmark-dev ntfs-3g-dev e2fsprogs ntfs-3g dosfstools mtools xfsprogs partclone mount util-linux
+    strace gnuplot-nox python3-minimal)
+package_packages=(build-essential debhelper dpkg-dev fakeroot lintian)
 lint_packages=(clang-format-14 clang-tidy-14 git)
 
 say() { printf '== %s\n' "$*" >&2; }

@@ -1,5 +1,6 @@
 // Ext volumes of few kilobytes that ask for gigabytes: what they claim takes addresses, not memory.
 #include "support/ExtRun.h"
+#include "support/ResidentMemory.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -12,38 +13,6 @@
 namespace {
 
 using namespace tests;
-
-/// The value of a line of the process's status, in KiB.
-long statusKiB(std::string const& name) {
-    std::ifstream status("/proc/self/status");
-    for (std::string word; status >> word;) {
-        if (word == name + ":") {
-            long value = 0;
-            status >> value;
-            return value;
-        }
-    }
-    return -1;
-}
-
-/// The most memory that was resident at once since construction, beyond what was resident then.
-class ResidentPeak {
-public:
-    ResidentPeak() {
-        std::ofstream clear("/proc/self/clear_refs");
-        clear << "5" << std::flush; // the peak starts again from what is resident now
-        works = clear.good();
-        before_ = statusKiB("VmRSS");
-        works = works && before_ > 0 && statusKiB("VmHWM") > 0;
-    }
-
-    long growthMiB() const { return (statusKiB("VmHWM") - before_) / 1024; }
-
-    bool works = false;
-
-private:
-    long before_ = 0;
-};
 
 constexpr long kMostMiB = 64;
 

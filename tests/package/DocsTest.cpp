@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <iterator>
 #include <regex>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -38,13 +39,19 @@ std::vector<fs::path> pages() {
     return found;
 }
 
-/// What the links of a page lead to, those to other hosts left out.
+/// What the links of a page lead to; those to other hosts, and programs that are shown, left out.
 std::vector<std::string> linksOf(std::string const& text) {
     static std::regex const link(R"(\]\(([^)#\s]+)[^)]*\))");
     std::vector<std::string> links;
-    for (auto match = std::sregex_iterator(text.begin(), text.end(), link); match != std::sregex_iterator(); ++match) {
-        if (std::string const target = (*match)[1]; target.find("://") == std::string::npos) {
-            links.push_back(target);
+    std::istringstream lines(text);
+    bool isProgram = false;
+    for (std::string line; std::getline(lines, line);) {
+        isProgram = line.starts_with("```") ? !isProgram : isProgram;
+        for (auto match = std::sregex_iterator(line.begin(), line.end(), link);
+             !isProgram && match != std::sregex_iterator(); ++match) {
+            if (std::string const target = (*match)[1]; target.find("://") == std::string::npos) {
+                links.push_back(target);
+            }
         }
     }
     return links;

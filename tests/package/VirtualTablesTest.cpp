@@ -190,7 +190,12 @@ INSTANTIATE_TEST_SUITE_P(
                "agent::core::backup::VolumeReader::seek(long, int) const",
                "agent::core::backup::VolumeReader::getHandle() const",
                "agent::core::backup::VolumeReader::getLastError() const", "agent::core::backup::VolumeReader::open()",
-               "agent::core::backup::VolumeReader::size()"}}),
+               "agent::core::backup::VolumeReader::size()"}},
+        Table{"XFSBTreeNode",
+              kFsparser,
+              "N5agent4core2fs9XFSParser12XFSBTreeNodeE",
+              {"agent::core::fs::XFSParser::XFSBTreeNode::~XFSBTreeNode",
+               "delete agent::core::fs::XFSParser::XFSBTreeNode::~XFSBTreeNode"}}),
     titleOf);
 
 INSTANTIATE_TEST_SUITE_P(

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <fstream>
+#include <string>
 #include <unistd.h>
 
 namespace tests {
@@ -15,5 +16,37 @@ inline std::size_t residentBytes() {
     statm >> total >> resident;
     return statm ? resident * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE)) : 0;
 }
+
+/// The value of a line of the process's status, in KiB.
+inline long statusKiB(std::string const& name) {
+    std::ifstream status("/proc/self/status");
+    for (std::string word; status >> word;) {
+        if (word == name + ":") {
+            long value = 0;
+            status >> value;
+            return value;
+        }
+    }
+    return -1;
+}
+
+/// The most memory that was resident at once since construction, beyond what was resident then.
+class ResidentPeak {
+public:
+    ResidentPeak() {
+        std::ofstream clear("/proc/self/clear_refs");
+        clear << "5" << std::flush; // the peak starts again from what is resident now
+        works = clear.good();
+        before_ = statusKiB("VmRSS");
+        works = works && before_ > 0 && statusKiB("VmHWM") > 0;
+    }
+
+    long growthMiB() const { return (statusKiB("VmHWM") - before_) / 1024; }
+
+    bool works = false;
+
+private:
+    long before_ = 0;
+};
 
 } // namespace tests

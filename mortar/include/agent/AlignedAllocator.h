@@ -17,11 +17,17 @@ namespace agent {
 inline constexpr std::size_t kFreshPagesThreshold = std::size_t{256} * 1024;
 
 /// Zeroed memory of `bytes` bytes that starts at a multiple of `alignment`.
-/// @throws std::invalid_argument  `alignment` is not a power of two
+/// @param bytes      may be 0: the result is memory that must not be used, and must be given back
+/// @param alignment  bytes, a power of two
+/// @return owned by the caller, until deallocateAligned()
+/// @throws std::invalid_argument  "alignment is not a power of two"
 /// @throws std::bad_alloc         the memory cannot be had; nothing is held then
 AGENT_EXPORT void* allocateAligned(std::size_t bytes, std::size_t alignment);
 
-/// Gives back what allocateAligned returned for the same `bytes` and `alignment`. A null pointer is ignored.
+/// Gives back what allocateAligned returned.
+/// @param memory     null is ignored
+/// @param bytes      as it was asked for
+/// @param alignment  as it was asked for
 AGENT_EXPORT void deallocateAligned(void* memory, std::size_t bytes, std::size_t alignment) noexcept;
 
 /// A standard allocator whose memory starts at a multiple of the alignment it was constructed with.
@@ -31,7 +37,8 @@ AGENT_EXPORT void deallocateAligned(void* memory, std::size_t bytes, std::size_t
 /// consequence to know: a vector that shrinks and grows again inside its capacity finds its old bytes there; one that
 /// wants zeros uses `assign`. Elements of other types are constructed as always.
 ///
-/// Two allocators are equal, and may free each other's memory, when their alignments are equal.
+/// Two allocators are equal, and may free each other's memory, when their alignments are equal. They keep no state but
+/// the alignment: any thread.
 ///
 /// @code
 /// std::vector<char, agent::AlignedAllocator<char>> buffer(agent::AlignedAllocator<char>(4096));
@@ -40,15 +47,20 @@ AGENT_EXPORT void deallocateAligned(void* memory, std::size_t bytes, std::size_t
 template <typename T>
 class AlignedAllocator {
 public:
+    /// What the memory is for.
     using value_type = T;
-    using propagate_on_container_copy_assignment = std::true_type;
-    using propagate_on_container_move_assignment = std::true_type;
-    using propagate_on_container_swap = std::true_type;
-    using is_always_equal = std::false_type;
 
+    /// An assigned or swapped container takes the other's allocator along, so that the alignment goes with the memory.
+    using propagate_on_container_copy_assignment = std::true_type;
+    using propagate_on_container_move_assignment = std::true_type; ///< likewise
+    using propagate_on_container_swap = std::true_type;            ///< likewise
+    using is_always_equal = std::false_type;                       ///< alignments may differ
+
+    /// Takes any alignment; allocate() refuses those that cannot be.
     /// @param alignment  bytes, a power of two; anything from 1 to the alignment of T counts as that
     explicit AlignedAllocator(std::size_t alignment) noexcept : alignment_(alignment) {}
 
+    /// One for other elements, with the same alignment.
     template <typename Other>
     AlignedAllocator(AlignedAllocator<Other> const& other) noexcept // NOLINT: allocators convert
         : alignment_(other.alignment()) {}
@@ -94,6 +106,7 @@ private:
     std::size_t alignment_;
 };
 
+/// Whether the alignments are equal.
 template <typename T, typename U>
 bool operator==(AlignedAllocator<T> const& left, AlignedAllocator<U> const& right) noexcept {
     return left.alignment() == right.alignment();

@@ -8,7 +8,21 @@
 
 namespace agent {
 
-/// Values by key, implemented by the caller. Owned by the caller; asked only during the call it was handed to.
+/// Values by key, implemented by the caller. Owned by the caller; asked only during the call it was handed to, from the
+/// thread that makes it. What it throws leaves that call.
+///
+/// The only key that the libraries ask for is "ntfsparser.cache.capacity": the directories that NTFSParser keeps in its
+/// path cache, 1000 where the key is missing, 0 for none.
+///
+/// @code
+/// struct SmallCache : agent::IConfig {
+///     bool get(std::string const& key, unsigned long& value) const override {
+///         if (key != "ntfsparser.cache.capacity") { return false; }
+///         value = 50;
+///         return true;
+///     }
+/// };
+/// @endcode
 class AGENT_EXPORT IConfig {
 public:
     IConfig() = default;

@@ -21,6 +21,7 @@ namespace agent {
 template <typename Element>
 class LruCache {
 public:
+    /// An empty cache.
     /// @param capacity  most elements kept; 0 stores nothing
     explicit LruCache(unsigned long capacity) : capacity_(capacity) {}
 

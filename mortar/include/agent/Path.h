@@ -14,9 +14,15 @@ public:
     Path() = delete;
 
     /// The path of one component: itself, unchanged, so that the name of a device stays the name it was opened by.
+    /// @param path  any text
+    /// @return `path`
     static std::string concat(std::string path);
 
-    /// Joins two components with exactly one '/' between them. An empty component adds nothing.
+    /// Joins two components with exactly one '/' between them. An empty component adds nothing. Nothing is looked up or
+    /// normalised.
+    /// @param first   may end in '/'
+    /// @param second  may begin with '/'
+    /// @return "a/b" for "a" and "b", "a/" and "b", "a" and "/b", "a/" and "/b"
     static std::string concat(std::string const& first, std::string const& second);
 };
 

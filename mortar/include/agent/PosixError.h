@@ -9,8 +9,13 @@
 namespace agent {
 
 /// A system call that failed, with its `errno`. Thrown only by the constructor of the volume reader.
+///
+/// what() is the text of generic_library_error with the library "Posix": code 13 and "Unable to open block device to
+/// calculate size" give, in the C locale, "Unable to open block device to calculate size: Permission denied |
+/// ERROR(Posix) : 13 (0x0000000d)". Defined in libfsparser.so.1, but for strerror().
 class AGENT_EXPORT PosixError : public exception::generic_library_error<int> {
 public:
+    /// Fixes the text and keeps the code.
     /// @param message  what was tried; may be empty
     /// @param error    the `errno` value, kept as the code
     PosixError(std::string const& message, int error);
@@ -19,7 +24,10 @@ public:
     PosixError& operator=(PosixError const&) = default;
     ~PosixError() override;
 
-    /// The system's text for an `errno` value, in the language of the process's locale. Defined in libmortar.so.1.
+    /// The system's text for an `errno` value, in the language of the process's locale. Any thread. Defined in
+    /// libmortar.so.1.
+    /// @param error  an `errno` value; an unknown one has a text, too
+    /// @return the text
     static std::string strerror(int error);
 };
 

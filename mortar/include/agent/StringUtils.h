@@ -17,7 +17,10 @@ public:
     /// as NTFS stores them: a character beyond the basic plane becomes its two surrogates.
     ///
     /// Each byte that is not part of a well-formed sequence (RFC 3629: no overlong form, no encoded surrogate, nothing
-    /// above U+10FFFF) becomes one U+FFFD. A null byte is a character like any other. Independent of the locale.
+    /// above U+10FFFF) becomes one U+FFFD. A null byte is a character like any other. Independent of the locale; any
+    /// thread.
+    /// @param text  bytes
+    /// @return one wide character, none above 0xFFFF, for each UTF-16 unit
     static std::wstring StrToWStr(std::string const& text);
 };
 

@@ -6,7 +6,8 @@
 
 namespace agent::core {
 
-/// A volume reader that is opened by path and knows its size: it answers for everything itself.
+/// A volume reader that is opened by path and knows its size: it answers for everything itself. The operations are
+/// those of IVolumeReader, under the same rules of ownership and threads.
 class AGENT_EXPORT IVolumeDevice : public IVolumeReader {
 public:
     IVolumeDevice() = default;

@@ -13,6 +13,23 @@ namespace agent::core {
 /// The libraries use `seek` and `read` only, and only `read` and `seek` must be implemented. One file position is
 /// shared by both, so a reader and the parsers built on it serve one thread at a time. The caller owns the reader; it
 /// must outlive every parser built on it. Parsers never open or close it.
+///
+/// What read() or seek() throws leaves the parser's call.
+///
+/// @code
+/// struct MemoryVolume : agent::core::IVolumeReader {
+///     long read(void* buffer, long length) const override {
+///         long const count = std::clamp<long>(static_cast<long>(bytes.size()) - position, 0, length);
+///         std::memcpy(buffer, bytes.data() + position, static_cast<std::size_t>(count));
+///         position += count;
+///         return count;
+///     }
+///     long seek(long offset, int whence) const override { return whence == SEEK_SET ? position = offset : -1; }
+///
+///     std::vector<char> bytes;
+///     mutable long position = 0;
+/// };
+/// @endcode
 class AGENT_EXPORT IVolumeReader {
 public:
     IVolumeReader() = default;
@@ -26,7 +43,8 @@ public:
     /// Reads from the current position and moves it by what was read.
     /// @param buffer  takes the bytes; at least `length` bytes
     /// @param length  bytes wanted
-    /// @return bytes read, fewer than `length` where the volume ends; -1 on failure
+    /// @return bytes read, fewer than `length` where the volume ends; -1 on failure. The parsers take what a short read
+    ///     did not deliver as zeros: a reader that must not lose data fails instead.
     virtual long read(void* buffer, long length) const = 0;
 
     /// Moves the position.
@@ -41,7 +59,8 @@ public:
     /// `errno` of the last call if that failed, otherwise 0.
     virtual int getLastError() const;
 
-    /// Makes the volume readable. True when it is; a reader without this step is always open.
+    /// Makes the volume readable.
+    /// @return true when it is; a reader without this step is always open
     virtual bool open();
 
     /// Bytes of the volume; -1 when unknown.

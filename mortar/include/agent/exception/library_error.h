@@ -10,7 +10,7 @@
 
 namespace agent::exception {
 
-/// Any error of the libraries that is more than a text.
+/// Any error of the libraries that is more than a text. Errors that are only a text are std::runtime_error itself.
 class AGENT_EXPORT library_error : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
@@ -27,6 +27,10 @@ public:
     using Describer = std::function<std::string(Code)>;
 
     /// Fixes what() as format() gives it, and keeps the code and the describer beside it.
+    /// @param library    name of the library
+    /// @param message    what was tried; may be empty
+    /// @param code       kept
+    /// @param describer  kept
     /// @throws std::bad_function_call  the describer is empty
     generic_library_error(std::string const& library, std::string const& message, Code code, Describer const& describer)
         : library_error(format(library, message, code, describer)), code_(code), describer_(describer) {}
@@ -41,6 +45,11 @@ public:
     /// The text of what(): "MESSAGE: DESCRIPTION | ERROR(LIBRARY) : CODE (0xHEX)". The code is written in decimal,
     /// signed, and in lower-case hexadecimal of at least 8 digits as its two's complement. An empty message drops
     /// "MESSAGE: ".
+    /// @param library    LIBRARY
+    /// @param message    MESSAGE
+    /// @param code       CODE
+    /// @param describer  gives DESCRIPTION; "Unknown error" where that is empty
+    /// @return the text
     /// @throws std::bad_function_call  the describer is empty
     static std::string format(std::string const& library, std::string const& message, Code code,
                               Describer const& describer);

@@ -20,8 +20,8 @@ enum class Level : int {
 
 /// A sink of messages, implemented by the caller and handed to the libraries by reference.
 ///
-/// The libraries never own a logger: it must outlive everything that was built on it. They call it from the thread
-/// that called them and never keep a message.
+/// The libraries never own a logger: it must outlive everything that was built on it. They call it from the thread that
+/// called them and never keep a message.
 ///
 /// @code
 /// struct StderrLogger : agent::info::Logger {
@@ -40,9 +40,14 @@ public:
 
     /// Whether messages of this level are wanted. Asked once for each entry, and sometimes once for many; true by
     /// default. What it throws leaves the library.
+    /// @param level  of the message to come
+    /// @return false: the message is neither formatted nor written
     virtual bool isEnabled(Level level) const;
 
-    /// Takes one whole message, without a trailing newline. Called once for each enabled entry.
+    /// Takes one whole message, without a trailing newline. Called once for each enabled entry. What it throws is
+    /// dropped.
+    /// @param level  of the message
+    /// @param text   bytes; parts that come from a volume are not checked, and may be no UTF-8. Valid during the call.
     virtual void write(Level level, std::string const& text) = 0;
 };
 
@@ -59,7 +64,9 @@ public:
 /// @endcode
 class AGENT_EXPORT Logger::Entry {
 public:
-    /// Asks `logger` once whether `level` is wanted. The logger must outlive the entry.
+    /// Asks `logger` once whether `level` is wanted.
+    /// @param logger  must outlive the entry
+    /// @param level   of the message
     Entry(Logger& logger, Level level);
 
     /// Hands the text to the logger if its level is on, also when the text is empty. An exception that the logger
@@ -70,6 +77,8 @@ public:
     Entry& operator=(Entry const&) = delete;
 
     /// Adds one piece to the text.
+    /// @param piece  anything a standard output stream takes
+    /// @return the entry
     template <typename Piece>
     Entry& operator<<(Piece const& piece) {
         if (stream_) {
@@ -78,7 +87,9 @@ public:
         return *this;
     }
 
-    /// Applies a manipulator such as `std::hex` or `std::dec` to the numbers that follow.
+    /// Applies a manipulator to the numbers that follow.
+    /// @param manipulator  such as `std::hex` or `std::dec`
+    /// @return the entry
     Entry& operator<<(std::ios_base& (*manipulator)(std::ios_base&)) {
         if (stream_) {
             manipulator(*stream_);

@@ -28,14 +28,23 @@ class ZeroedBuffer;
 /// each group that the chunk spans. Few long chunks are therefore cheap, many short ones are not. No state is kept
 /// between calls. Logger and volume reader are not owned and must outlive the parser; one thread at a time.
 ///
+/// @code
+/// agent::core::fs::EXTParser parser(logger, 4096, volume);
+/// std::vector<char> map(1 << 20);                                 // 8,388,608 blocks a call
+/// long const blocks = parser.getChunk(0, map.data(), map.size()); // bit b of byte i: block 8 * i + b
+/// @endcode
+///
 /// Memory: the descriptor table and one group bitmap, at sizes that the superblock claims. They take addresses, and
 /// memory only for what the volume really delivers.
 class AGENT_EXPORT EXTParser : public IBlockBitmapChunkProvider {
 public:
     /// Reads and checks the superblock (1024 bytes at byte 1024).
+    /// @param logger     takes every message; not owned
     /// @param alignment  bytes, the granularity of every read; what the device asks for in direct I/O
-    /// @throws std::runtime_error     "Could not read EXT super block." (also for an alignment of 0) or
-    ///     "Not an EXT filesystem."
+    /// @param volume     an open volume; not owned
+    /// @throws std::runtime_error
+    ///     - "Could not read EXT super block." (also for an alignment of 0)
+    ///     - "Not an EXT filesystem."
     /// @throws std::invalid_argument  the alignment is no power of two
     EXTParser(agent::info::Logger& logger, unsigned int alignment, agent::core::IVolumeReader const& volume);
     EXTParser(EXTParser const&) = delete;
@@ -47,8 +56,11 @@ public:
     static bool isEXTFileSystem(void* buffer);
 
     /// As IBlockBitmapChunkProvider states it. The whole buffer is cleared, unless the start or the buffer is refused.
-    /// A negative result is -1, after an `Error` entry of its cause ("Invalid start block", "Invalid bitmap buffer",
-    /// "Can't read bgd table", "Can't read bitmap") and one that ends with the code.
+    /// An offset may be any block up to the blocks count, at which the result is 0; past it, it is an error.
+    ///
+    /// A negative result is -1, after an `Error` entry of its cause and a second one:
+    ///     - "Invalid start block", "Invalid bitmap buffer", "Can't read bgd table" or "Can't read bitmap"
+    ///     - "A logical error occurred while attempting to parse the EXT bitmap, err: -1"
     /// @throws std::bad_alloc  the memory for a table cannot be had
     long getChunk(unsigned long offset, char* buffer, unsigned long length) const override;
 
@@ -57,6 +69,7 @@ protected:
     /// ends with "Can't read bgd table", and so does a group whose descriptor lies outside the table.
     /// @param length  bytes of the buffer
     /// @param start   number of the first block
+    /// @param buffer  takes the bits
     /// @return blocks covered, 0 at the end, -1 on an error
     long fs_get_blocks_bitmap_chunk(unsigned long length, unsigned long start, char* buffer) const;
 

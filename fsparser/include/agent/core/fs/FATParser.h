@@ -18,27 +18,37 @@ struct fat_boot_sector;
 /// the reserved area and the tables are covered too and always count as used. Least significant bit first.
 ///
 /// Limits that are kept on purpose, so that a caller must know them:
-/// - The map is exact for a single request that starts at unit 0 and whose buffer holds the whole map (at least
-///   units / 8 bytes). A later request consults the table at shifted entries, and one that reaches into the data area
-///   may consult entries that it never read: **the process is aborted** then.
+/// - The map is exact for a single request that starts at unit 0 and whose buffer holds the whole map (at least units /
+///   8 bytes). A later request consults the table at shifted entries, and one that reaches into the data area may
+///   consult entries that it never read: **the process is aborted** then.
 /// - Even a request from unit 0 may reach past the entries it read, and abort, when the data area starts less than one
 ///   cluster size after byte 0.
 /// - Of the sectors per FAT only the low 16 bits are kept; tables of 65536 sectors and more are mis-sized.
-/// - The first table is read, whatever the mirroring flags say. A start past the end of the units is not answered with
-/// 0.
+/// - The first table is read, whatever the mirroring flags say.
+/// - A start past the end of the units is not answered with 0.
 ///
-/// The boot sector is read once, at construction. A request reads its stretch of the table in one piece (4 bytes a
-/// unit and 4 more) and holds nothing afterwards. Logger and volume reader are not owned and must outlive the parser;
-/// one thread at a time.
+/// The boot sector is read once, at construction. A request reads its stretch of the table in one piece (4 bytes a unit
+/// and 4 more) and holds nothing afterwards. Logger and volume reader are not owned and must outlive the parser; one
+/// thread at a time.
+///
+/// @code
+/// agent::core::fs::FATParser parser(logger, 4096, volume);
+/// std::vector<char> map((units + 7) / 8);                    // units: bytes of the file system / bytes of a cluster,
+/// long const n = parser.getChunk(0, map.data(), map.size()); // rounded up. One request, from unit 0.
+/// @endcode
 ///
 /// Memory: 8 bytes for each unit requested while the table is read, 4 afterwards, in pages that the volume fills; never
 /// more than 64 times the caller's own buffer and two clusters.
 class AGENT_EXPORT FATParser : public IBlockBitmapChunkProvider {
 public:
     /// Reads and checks the boot sector (512 bytes at byte 0).
+    /// @param logger     takes every message; not owned
     /// @param alignment  bytes, the granularity of that read. The table is read in multiples of the cluster size.
-    /// @throws std::runtime_error     "Can't read fat boot sector" (also for an alignment of 0), "FAT12 is not
-    ///     supported", "FAT16 is not supported" or "Not a FAT filesystem"
+    /// @param volume     an open volume; not owned
+    /// @throws std::runtime_error
+    ///     - "Can't read fat boot sector" (also for an alignment of 0)
+    ///     - "FAT12 is not supported", "FAT16 is not supported"
+    ///     - "Not a FAT filesystem"
     /// @throws std::invalid_argument  the alignment is no power of two
     FATParser(agent::info::Logger& logger, unsigned int alignment, agent::core::IVolumeReader const& volume);
     FATParser(FATParser const&) = delete;
@@ -54,22 +64,25 @@ public:
     /// @param buffer  the volume's first sector, at least 87 bytes; null is not recognised
     static bool isFATFileSystem(void* buffer);
 
-    /// As IBlockBitmapChunkProvider states it, within the limits above: 0 for an empty request and for a start
-    /// exactly at the end. The whole buffer is cleared first. A negative result is -1 (the table cannot be read, or the
-    /// cluster size is 0) or -400 (it came short), after a `Debug` entry "returning[2] " with the code and an `Error`
-    /// entry that ends with it.
+    /// As IBlockBitmapChunkProvider states it, within the limits above: 0 for an empty request and for a start exactly
+    /// at the end. The whole buffer is cleared first. A negative result is -1 (the table cannot be read, or the cluster
+    /// size is 0) or -400 (it came short), after two entries with that code at their end:
+    ///     - `Debug` "returning[2] "
+    ///     - `Error` "A logical error occurred while attempting to parse the FAT bitmap, err: "
     /// @throws std::exception  the memory for the table cannot be had, or the cluster size is no power of two
     ///     (std::bad_alloc, std::invalid_argument), after a `Debug` entry
     long getChunk(unsigned long offset, char* buffer, unsigned long length) const override;
 
 protected:
     /// Reads the 512 bytes at byte 0.
+    /// @param bootSector  takes them
     /// @return 0; -1 when the read failed, -5 when fewer bytes arrived
     int fat_read_bootsector(fat_boot_sector& bootSector) const;
 
     /// The routine behind getChunk(), without the `Error` entry.
     /// @param length  bytes of the buffer
     /// @param start   number of the first unit
+    /// @param buffer  takes the bits
     /// @return units covered, or a negative code
     long fs_get_blocks_bitmap_chunk(unsigned long length, unsigned long start, char* buffer) const;
 

@@ -15,7 +15,19 @@ namespace agent::core::fs {
 /// on, not from `offset`, and that many bytes are copied: those of them that lie past the delivered ones arrive as
 /// zeros, and the rest of the buffer is left as it was.
 ///
-/// @param logger     takes the entries of failures
+/// One call at a time on a volume: the seek and the reads share its one position. No read is retried, and nothing is
+/// kept between calls.
+///
+/// @code
+/// std::array<char, 1024> superblock{};
+/// unsigned long delivered = 0;
+/// if (fs_seek_read_aligned(logger, volume, 4096, 1024, superblock.data(), superblock.size(), &delivered) != 0) {
+///     return false; // the volume has logged why
+/// }
+/// @endcode
+///
+/// @param logger     takes the entries of failures: `Debug` "CHUNK READ FILE FAILED: OFFSET: O - S BYTES" of a failed
+///     read, with the aligned offset and size
 /// @param volume     sought and read; its position afterwards is not promised
 /// @param alignment  bytes, a power of two. 0 is refused with -1.
 /// @param offset     first byte wanted
@@ -25,7 +37,8 @@ namespace agent::core::fs {
 /// @return 0 on success (and nothing else is success), -1 when the seek or a read failed, or when offset and length
 ///     together wrap around 64 bits so that the wanted bytes were not read
 /// @throws std::exception  whatever creating the buffer threw (std::bad_alloc, std::length_error
-///     "vector::_M_default_append", std::invalid_argument), after a `Debug` entry
+///     "vector::_M_default_append", std::invalid_argument), after a `Debug` entry "Failed to create aligned memory of
+///     size: " with size, alignment, place and reason
 AGENT_EXPORT long fs_seek_read_aligned(agent::info::Logger& logger, agent::core::IVolumeReader const& volume,
                                        unsigned long alignment, unsigned long offset, void* buffer,
                                        unsigned long length, unsigned long* bytesRead);
@@ -33,8 +46,11 @@ AGENT_EXPORT long fs_seek_read_aligned(agent::info::Logger& logger, agent::core:
 /// Reads `length` bytes at the volume's position, in pieces of at most 4 MiB. A piece that comes short does not end the
 /// loop, on purpose: the next piece goes to its own place in the buffer.
 ///
+/// @param volume     read at its position, which moves
+/// @param buffer     takes the bytes, at least `length`; aligned as the volume wants it
+/// @param length     bytes wanted; 0 reads nothing and succeeds
 /// @param bytesRead  what was read is added to it; it is not reset
-/// @return 0 on success, -1 when a read failed
+/// @return 0 on success, -1 when a read failed; what was counted until then stays counted
 AGENT_EXPORT long fs_chunk_read(agent::core::IVolumeReader const& volume, void* buffer, long length, long* bytesRead);
 
 } // namespace agent::core::fs

@@ -14,14 +14,24 @@ namespace agent::core::fs {
 /// wants all five asks twice: once with the first sector and once with the 512 bytes at byte 1024.
 ///
 /// The NTFS test logs what it finds wrong: each buffer that is not NTFS leaves one `Debug` entry "Invalid NTFS magic.".
+///
+/// A match says what a buffer looks like, not that the volume can be read: the parser's constructor checks on. No state
+/// but the logger; any thread that the logger allows.
+///
+/// @code
+/// agent::core::fs::FileSystemType const detector(logger);
+/// int code = detector.getFileSystemType(firstSector);
+/// if (code == agent::core::fs::kUnrecognized) { code = detector.getFileSystemType(bytesAt1024); }
+/// @endcode
 class AGENT_EXPORT FileSystemType : public IFileSystemType {
 public:
-    /// @param logger  not owned; must outlive the detector
+    /// @param logger  takes what the NTFS test says; not owned, must outlive the detector
     explicit FileSystemType(agent::info::Logger& logger);
     FileSystemType(FileSystemType const&) = default;
     FileSystemType& operator=(FileSystemType const&) = delete;
     ~FileSystemType() override;
 
+    /// As IFileSystemType states it. Never throws; looks at no byte past the 512th.
     int getFileSystemType(void* bootBuffer) const override;
 
 private:

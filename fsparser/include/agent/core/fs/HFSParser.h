@@ -34,12 +34,21 @@ namespace agent::core::fs {
 /// The header is read once, at construction; every getChunk() on a volume with overflow extents reads the whole tree
 /// again. No state is kept between calls. Logger and volume reader are not owned and must outlive the parser; one
 /// thread at a time.
+///
+/// @code
+/// class FromHeader : public agent::core::IVolumeReader { ... }; // byte 0 shows the header, the rest as it is
+/// agent::core::fs::HFSParser parser(logger, 4096, fromHeader);
+/// long const blocks = parser.getChunk(0, map.data(), map.size()); // block 8 * i + j: 0x80 >> j of byte i
+/// @endcode
 class AGENT_EXPORT HFSParser : public IBlockBitmapChunkProvider {
 public:
     /// Reads and checks the volume header (512 bytes at byte 0 of what the reader presents).
+    /// @param logger     takes every message; not owned
     /// @param alignment  bytes, the granularity of that read. Everything else is read in allocation blocks.
-    /// @throws std::runtime_error     "Error reading HFS+ superblock." (also for an alignment of 0) or "Not an HFS+
-    ///     filesystem."
+    /// @param volume     presents the volume as said above; not owned
+    /// @throws std::runtime_error
+    ///     - "Error reading HFS+ superblock." (also for an alignment of 0)
+    ///     - "Not an HFS+ filesystem."
     /// @throws std::invalid_argument  the alignment is no power of two
     HFSParser(agent::info::Logger& logger, unsigned int alignment, agent::core::IVolumeReader const& volume);
     HFSParser(HFSParser const&) = delete;
@@ -52,9 +61,11 @@ public:
 
     /// As IBlockBitmapChunkProvider states it. The offset is a multiple of 8. Never more than `length` bytes are
     /// written, although it may be more than the returned units need; what a short read does not deliver is left as it
-    /// was. A negative result is -1, after an `Error` entry of its cause ("startBlock must be divisible
-    /// by 8", "Couldn't parse extent overflow file for bitmap extents.", "Error in HFS+ parsing read.") and one that
-    /// ends with the code.
+    /// was. A negative result is -1, after an `Error` entry of its cause and a second one:
+    ///     - "startBlock must be divisible by 8"
+    ///     - "Couldn't parse extent overflow file for bitmap extents." (after the cause of that)
+    ///     - "Error in HFS+ parsing read."
+    ///     - then "A logical error occurred while attempting to parse the HFS bitmap, err: -1"
     /// @throws std::bad_alloc  the memory for a read cannot be had
     long getChunk(unsigned long offset, char* buffer, unsigned long length) const override;
 
@@ -63,10 +74,16 @@ public:
 
 protected:
     /// Sum of the blocks in the fork's eight extents. The fork's own count is not looked at.
+    /// @param fork  as it stands on disk
+    /// @return blocks
     unsigned long fs_get_num_blocks(HFSPlusForkData const& fork) const;
 
     /// The routine behind getChunk(), without the second entry; unlike its siblings', with the arguments in
     /// getChunk()'s order, on purpose. A block size that is no power of two cannot be read in, which is a failed read.
+    /// @param offset  number of the first block, a multiple of 8
+    /// @param buffer  takes the bits
+    /// @param length  bytes of the buffer
+    /// @return blocks covered, 0 at the end or without a map, -1 on an error
     long fs_get_blocks_bitmap_chunk(unsigned long offset, char* buffer, unsigned long length) const;
 
     /// Appends the extents of a file that the extents-overflow tree holds, eight descriptors a record, in the order of
@@ -76,6 +93,7 @@ protected:
     /// nodes, and nodes that come again and again (a cycle) end the search: "Failed to read node descriptor" for the
     /// root, "Could not read next node at " and the address for another. A block size that is no power of two is a
     /// failed read.
+    /// @param header   tells where the tree lies
     /// @param fileId   catalog node ID of the file
     /// @param extents  keeps what it holds; grows
     /// @return false after an `Error` entry

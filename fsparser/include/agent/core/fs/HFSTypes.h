@@ -10,7 +10,7 @@
 
 namespace agent::core::fs {
 
-/// Consecutive allocation blocks of a file.
+/// Consecutive allocation blocks of a file, as they stand on disk.
 struct HFSPlusExtentDescriptor {
     be32 startBlock; ///< 0x00: first allocation block
     be32 blockCount; ///< 0x04: allocation blocks; 0 ends a list
@@ -25,22 +25,23 @@ inline constexpr std::size_t kHfsExtents = 8;
 /// Where one fork of a file lies.
 struct HFSPlusForkData {
     be64 logicalSize;                                         ///< 0x00: bytes
-    be32 clumpSize;                                           ///< 0x08
+    be32 clumpSize;                                           ///< 0x08: bytes a file grows by
     be32 totalBlocks;                                         ///< 0x0C: allocation blocks, overflow extents included
-    std::array<HFSPlusExtentDescriptor, kHfsExtents> extents; ///< 0x10
+    std::array<HFSPlusExtentDescriptor, kHfsExtents> extents; ///< 0x10: the first eight
 };
 
 static_assert(sizeof(HFSPlusForkData) == 80 && alignof(HFSPlusForkData) == 1);
 static_assert(offsetof(HFSPlusForkData, totalBlocks) == 0x0C);
 static_assert(offsetof(HFSPlusForkData, extents) == 0x10);
 
-/// The volume header, which lies at byte 1024 of an HFS+ volume.
+/// The volume header, which lies at byte 1024 of an HFS+ volume. Dates are in seconds since 1904-01-01. The parser
+/// looks at `signature`, `blockSize`, `totalBlocks`, `allocationFile` and `extentsFile` only.
 struct HFSPlusVolumeHeader {
     std::array<char, 2> signature;             ///< 0x00: "H+" or "HX"
-    be16 version;                              ///< 0x02
-    be32 attributes;                           ///< 0x04
-    be32 lastMountedVersion;                   ///< 0x08
-    be32 journalInfoBlock;                     ///< 0x0C
+    be16 version;                              ///< 0x02: 4 with "H+", 5 with "HX"
+    be32 attributes;                           ///< 0x04: flags
+    be32 lastMountedVersion;                   ///< 0x08: who wrote last, four characters
+    be32 journalInfoBlock;                     ///< 0x0C: allocation block; only of a journaled volume
     be32 createDate;                           ///< 0x10
     be32 modifyDate;                           ///< 0x14
     be32 backupDate;                           ///< 0x18

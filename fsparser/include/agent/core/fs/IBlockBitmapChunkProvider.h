@@ -20,6 +20,10 @@ namespace agent::core::fs {
 /// @endcode
 ///
 /// Calls on providers that share a volume reader must not overlap: the reader has one file position.
+///
+/// Not promised: that the sum of a walk is the number of units (an NTFS map may count the rest of its last cluster, an
+/// HFS+ map may end early), nor that a volume which changes during the walk gives a map of any one moment. Who copies
+/// by a map treats units that it does not cover as used.
 class AGENT_EXPORT IBlockBitmapChunkProvider {
 public:
     IBlockBitmapChunkProvider() = default;
@@ -34,7 +38,8 @@ public:
     ///     no meaning.
     /// @param length  bytes; a chunk describes at most `length * 8` units
     /// @return the number of units described, from `offset` on; 0 when `offset` is at or past the end; negative on an
-    ///     error, a code of the parser, after an `Error` entry
+    ///     error, a code of the parser, after an `Error` entry: nothing in the buffer may be used then
+    /// @throws std::exception  memory cannot be had, or what a parser says
     virtual long getChunk(unsigned long offset, char* buffer, unsigned long length) const = 0;
 
     /// The order of the bits inside each byte: false when unit j of a chunk is the bit `1 << (j % 8)` of byte j / 8

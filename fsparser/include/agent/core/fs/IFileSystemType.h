@@ -16,7 +16,7 @@ enum FileSystemCode : int {
     kXfs = 5,          ///< XFSParser
 };
 
-/// Tells which file system the start of a volume belongs to.
+/// Tells which file system a volume's structures belong to, from a buffer alone. Reads no volume.
 class AGENT_EXPORT IFileSystemType {
 public:
     IFileSystemType() = default;
@@ -24,7 +24,8 @@ public:
     IFileSystemType& operator=(IFileSystemType const&) = default;
     virtual ~IFileSystemType();
 
-    /// @param bootBuffer  at least 512 bytes; may be null, which is not recognised
+    /// Names the file system that the buffer is the beginning of.
+    /// @param bootBuffer  at least 512 bytes, not changed; may be null, which is not recognised
     /// @return a FileSystemCode
     virtual int getFileSystemType(void* bootBuffer) const = 0;
 };

@@ -29,10 +29,18 @@ AGENT_EXPORT extern std::string const SEPARATOR;
 /// An NTFS volume: its used clusters, and where its files lie. A unit is a cluster; least significant bit first.
 ///
 /// The boot sector, MFT record 0 and a proof that record 1 can be read are taken at construction. The upcase table is
-/// read when a name is first compared. Nothing else is kept: each request reads the records that it needs.
+/// read by the first extents() of a path or readACLFromFile(), and kept, as are the path cache and the $SDS stream.
+/// Nothing else is: each request reads the records that it needs.
 ///
 /// Logger and volume reader are not owned and must outlive the parser. Several operations that are `const` change what
 /// is kept: one thread at a time.
+///
+/// @code
+/// agent::core::fs::NTFSParser parser(logger, 4096, volume);
+/// for (agent::BlockRange const& run : parser.extents("\\Users\\readme.txt")) { use(run.first, run.count); }
+/// auto const info = parser.getStandardInfo("\\Users\\readme.txt"); // after extents(), which loads the upcase table
+/// auto const lists = parser.readACLFromFile("\\Users\\readme.txt");
+/// @endcode
 ///
 /// Limits that are kept on purpose, so that a caller must know them:
 /// - When $Bitmap lies in several runs, a chunk that does not begin at cluster 0 may be read from the wrong place: a
@@ -42,21 +50,37 @@ AGENT_EXPORT extern std::string const SEPARATOR;
 /// - Of a child node's VCN in an index, only the lowest byte is read.
 /// - With clusters of 64 KiB and more, index blocks and non-resident attribute lists are looked for in the wrong place.
 /// - A $UpCase in several runs is put together with gaps, so that names may not match.
-/// - Of a standard information of 48 bytes (an older NTFS), getStandardInfo() returns what stands behind it as the
-/// rest.
+/// - Of a standard information of 48 bytes (an older NTFS), getStandardInfo() returns what follows it as the rest.
+/// - The last chunk of a walk counts what the last cluster of $Bitmap holds, so that the sum may be more than the
+///   volume's clusters: total sectors / sectors per cluster. What lies past them carries no meaning.
+/// - Index blocks whose children lead in a circle are followed without end. Who opens hostile volumes bounds the reads
+///   in the volume reader, which may fail them at any time.
 /// - Where $MFT itself is fragmented so that its attribute list names other records, construction is refused.
 class AGENT_EXPORT NTFSParser : public IBlockBitmapChunkProvider {
 public:
     /// Reads the boot sector and MFT records 0 and 1. The path cache holds 1000 directories.
+    /// @param logger     takes every message; not owned
     /// @param alignment  bytes, the granularity of every read; what the device asks for in direct I/O
-    /// @throws std::runtime_error  "Can't read ntfs boot sector", "Not an NTFS filesystem", "volume size is set to
-    /// zero.",
-    ///     "Invalid $MFT offset.", "Invalid $MFTMirr offset.", a text that names the size which is no power of two, or
-    ///     what the records' checks say
+    /// @param volume     an open volume; not owned
+    /// @throws std::runtime_error
+    ///     - "Can't read ntfs boot sector" (also for an alignment of 0)
+    ///     - "Not an NTFS filesystem"
+    ///     - "volume size is set to zero."
+    ///     - "Invalid $MFT offset." or "Invalid $MFTMirr offset.", after an `Error` entry that tells the numbers
+    ///     - "Sector per cluster isn't power of two. SectorPerCluster: 0x" and the raw byte, after an `Error` entry of
+    ///       the same text
+    ///     - "Cluster size isn't power of two. ClusterSize: 0x" or "$MFT bytes per record isn't power of two.
+    ///       MFTBytesPerRecord: 0x" and the number in hexadecimal, likewise
+    ///     - what read_mft_record_throw() and the checks of a record throw, of records 0 and 1
+    /// @throws std::invalid_argument  the alignment is no power of two
     NTFSParser(agent::info::Logger& logger, unsigned int alignment, agent::core::IVolumeReader const& volume);
 
     /// As above, with the path cache's capacity from the key "ntfsparser.cache.capacity" (1000 where it is missing).
-    /// @param config  asked during the call only
+    /// @param logger     takes every message; of another capacity than 1000, `Debug` "NTFSParser LRU cache size
+    ///     re-configured to N"
+    /// @param alignment  as above
+    /// @param volume     as above
+    /// @param config     asked during the call only
     NTFSParser(agent::info::Logger& logger, unsigned int alignment, agent::core::IVolumeReader const& volume,
                agent::IConfig const& config);
 
@@ -66,57 +90,78 @@ public:
 
     /// Whether the buffer is an acceptable NTFS boot sector. Never throws.
     ///
-    /// The first check that fails ends the test, and all but the null pointer's leave one entry:
-    /// `Debug` "Invalid NTFS magic."; `Error` "Unexpected bytes per sector: 0x...", "Unexpected cluster size 0x...",
-    /// "Unexpected sectors per cluster value: 0x" and the raw byte, "Reserved fields aren't zero",
-    /// "Unexpected clusters per mft record: 0x" and the raw byte, "Unexpected clusters per index record: 0x" and the
-    /// raw byte, "Invalid location of MFT or MFTMirr.". A wrong end-of-sector marker is only a `Warning`, "Bootsector
-    /// has invalid end of sector marker.".
+    /// The first check that fails ends the test, and all but the null pointer's leave one entry: `Debug` "Invalid NTFS
+    /// magic."; `Error` "Unexpected bytes per sector: 0x...", "Unexpected cluster size 0x...", "Unexpected sectors per
+    /// cluster value: 0x" and the raw byte, "Reserved fields aren't zero", "Unexpected clusters per mft record: 0x" and
+    /// the raw byte, "Unexpected clusters per index record: 0x" and the raw byte, "Invalid location of MFT or
+    /// MFTMirr.". A wrong end-of-sector marker is only a `Warning`, "Bootsector has invalid end of sector marker.".
     /// @param bootSector  the volume's first 512 bytes; null is not recognised
+    /// @param logger      takes the entry
     static bool isNTFileSystem(void* bootSector, agent::info::Logger& logger);
 
     /// As IBlockBitmapChunkProvider states it; an offset must be a multiple of 8. The whole buffer is cleared before it
     /// is filled. Negative results: -508 no sectors in a cluster; -520 the cluster counts differ; -535 the offset is
-    /// not a multiple of 8; -559 $Bitmap is too short; -1 a read failed.
+    /// not a multiple of 8; -559 $Bitmap is too short; -1 a read failed. Each leaves a `Debug` entry of its cause,
+    /// unless a seek failed, and an `Error` entry, "A logical error occurred while attempting to parse the NTFS bitmap,
+    /// err: " and the code.
     /// @throws std::runtime_error  what the records of $Bitmap throw
     /// @throws std::bad_alloc      an attribute claims a size that memory cannot hold; so do the operations below
     long getChunk(unsigned long offset, char* buffer, unsigned long length) const override;
 
     /// The clusters of a file's data, sorted by first cluster: `first` is a cluster number, `count` is in clusters.
+    /// Streams with a name count, too, and so do the runs of an attribute list outside its record. Data that stand in
+    /// the record itself have no clusters.
+    ///
+    /// A record that cannot be read is no exception: it ends the list, after a `Debug` entry "Unable to read inode N".
     /// @param recordNumber  the file's MFT record number; all ones gives an empty list
-    /// @throws std::runtime_error  the record's attributes or runs are damaged
+    /// @return what was found until then
+    /// @throws std::runtime_error  the record's attributes or runs are damaged; the texts are those of get_attributes()
+    ///     and get_run_list()
     std::vector<agent::BlockRange> extents(unsigned long recordNumber);
 
     /// The same for a file's path. Paths are components joined by SEPARATOR; everything up to and including the first
     /// separator is ignored (a leading one, or a drive prefix). Names match case-insensitively through the volume's
     /// upcase table, which this call loads. Directories on the way are kept in the path cache.
-    /// @throws std::runtime_error  a component does not exist, or a record is damaged
+    /// @param path  UTF-8, as "\\directory\\file" or "C:\\directory\\file"
+    /// @return as above
+    /// @throws std::runtime_error  a component does not exist, or a record is damaged; the texts are those of
+    ///     btree_lookup()
     std::vector<agent::BlockRange> extents(std::string const& path);
 
     /// The MFT record number behind a path; 5, the root directory, for an empty path. Does not load the upcase table
-    /// itself.
+    /// itself, on purpose: extents(), readACLFromFile() do.
+    /// @param path  as in extents()
+    /// @return the number; all ones when the directory has an entry of that name without a file
     /// @throws std::invalid_argument  "Upcase file is not read.": nothing has loaded the upcase table yet
-    /// @throws std::runtime_error     a component does not exist, or a record is damaged
+    /// @throws std::runtime_error     a component does not exist, or a record is damaged; the texts are those of
+    ///     btree_lookup()
     unsigned long convert_to_inode(std::string const& path);
 
     /// The standard information of the file behind a path, as it stands on disk. Does not load the upcase table itself.
+    /// @param path  as in extents()
+    /// @return 72 bytes, whatever the length of the attribute's value
     /// @throws std::invalid_argument  as convert_to_inode()
     /// @throws std::runtime_error     "Could not find STANDARD_INFORMATION for file " and the path; or as
     ///     convert_to_inode()
     ntfs_standard_information getStandardInfo(std::string const& path);
 
     /// The access-control lists of the file behind a path: first the system list, then the discretionary one, each if
-    /// it is present and has entries. The first call reads the whole $SDS stream, which is kept until clearSDS().
-    /// @throws std::runtime_error  "Failed to read ACLs for \"PATH\": " and the reason; or what reading the upcase
-    /// table
-    ///     or the stream says
+    /// it is present and has entries. The first call reads the whole $SDS stream, which is kept until clearSDS(): as
+    /// much memory as the stream is long, never more than the volume.
+    ///
+    /// A stream that could not be read to its end stays as it is, on purpose; clearSDS() before trying again.
+    /// @param path  as in extents()
+    /// @return at most two lists
+    /// @throws std::runtime_error  "Failed to read ACLs for \"PATH\": " and the reason; or, without that, what
+    ///     read_upcase() and readSDS() throw
     std::vector<NTFS_ACL> readACLFromFile(std::string const& path);
 
-    /// Reads the volume's metadata again and forgets every path; needed after the volume changed.
-    /// @throws std::runtime_error  as the constructor
+    /// Reads MFT records 0 and 1 again and forgets every path; needed after the volume changed. What stays: the
+    /// geometry of the boot sector, the upcase table, and the $SDS stream, which clearSDS() forgets.
+    /// @throws std::runtime_error  as the constructor; nothing can be asked then until this call succeeds
     void resetMftCache();
 
-    /// Forgets the $SDS stream; the next ACL read loads it again.
+    /// Forgets the $SDS stream and frees its memory; the next ACL read loads it again.
     void clearSDS();
 
 protected:
@@ -125,6 +170,7 @@ protected:
         std::string path;    ///< relative to the root, without leading or trailing separator
         unsigned long inode; ///< MFT record number
 
+        /// By path alone, byte for byte.
         bool operator<(Element const& other) const { return path < other.path; }
     };
 
@@ -136,76 +182,355 @@ protected:
 
     /// How iterateDataRuns() places runs in its destination.
     enum class BufferType : int {
-        Bytes = 0,
+        Bytes = 0,   ///< bytes, one run right behind the other
         Units16 = 1, ///< an array of 16-bit units
     };
 
     /// Record number of the holder, and byte offset of the attribute in it.
     using AttributeHit = std::pair<unsigned long, long>;
+
+    /// In the order in which the walk met them.
     using AttributeHits = std::vector<AttributeHit>;
 
-    // Construction, geometry, metadata (NTFSParser.cpp)
+    /// @name Construction, geometry, metadata (NTFSParser.cpp)
+    /// @{
+
+    /// Reads the boot sector, derives the geometry and calls initVolumeMetaData(). Throws what the constructor throws.
     void reinit();
+
+    /// Reads record 0 from the first cluster of $MFT, checks it and keeps it; reads record 1 as a proof that the runs
+    /// of $MFT lead to records.
+    /// @throws std::runtime_error  what the checks of a record say, or "Could not read MFT record for inode number 1"
     void initVolumeMetaData();
+
+    /// Reads $UpCase (record 10), once. Where it has no data, or its extension record cannot be read, nothing is loaded
+    /// and nothing is said.
+    /// @throws std::runtime_error  "Unable to read INDEX ENTRY": a run cannot be read (the wording is the lookup's); or
+    ///     what read_mft_record_throw() and the decoding of runs throw
     void read_upcase();
 
-    // Record access and fixup (MftRecord.cpp)
+    /// @}
+    /// @name Record access and fixup (MftRecord.cpp)
+    ///
+    /// The codes of read_record() and read_mft_record(): 0 read, fixed up and checked; -638 the read failed; -642 it
+    /// came short; -650 the magic is not "FILE", after a `Debug` entry; -654 the fixup failed; -661 the record carries
+    /// another number. The buffer holds what was read, whatever the code.
+    /// @{
+
+    /// Reads one record from its place on the volume.
+    /// @param recordNumber  for the message and the check
+    /// @param byteOffset    byte of the volume
+    /// @param buffer        takes one record
+    /// @return a code
     int read_record(unsigned long recordNumber, unsigned long byteOffset, void* buffer) const;
+
+    /// Finds a record's place through the runs of $MFT, which are decoded afresh each time, and reads it. A number past
+    /// the last run is looked for behind that run.
+    /// @param recordNumber  the record
+    /// @param buffer        takes one record
+    /// @return a code
     int read_mft_record(unsigned long recordNumber, void* buffer) const;
+
+    /// The same with checkFileRecordConsistency().
+    /// @param recordNumber  the record
+    /// @param buffer        takes one record
+    /// @param context       what the record is wanted for; may be empty
+    /// @throws std::runtime_error  "Could not read MFT record N for CONTEXT", without a context "Could not read MFT
+    ///     record for inode number N"; or what the check says
     void read_mft_record_throw(unsigned long recordNumber, void* buffer, std::string const& context) const;
+
+    /// Puts the last two bytes of each 512 back from the update sequence array. All are compared before one is changed;
+    /// a record that is torn gets the magic "BAAD".
+    /// @param record  changed in place
+    /// @param size    bytes, a multiple of 512
+    /// @return 0; -1 when the record is torn or its array does not fit
     int post_read_fixup(ntfs_record* record, unsigned int size) const;
-    // The buffer holds whole records, also when the last one begins less than a record before `total`.
+
+    /// The same for record after record; the first that fails ends it. The buffer holds whole records, also when the
+    /// last one begins less than a record before `total`.
+    /// @param buffer      changed in place
+    /// @param total       bytes in which records begin; 0 succeeds
+    /// @param recordSize  bytes of a record
+    /// @return 0 or -1
     int post_read_fixup(void* buffer, unsigned int total, unsigned int recordSize) const;
+
+    /// The runs of $MFT, from record 0. When the first data attribute stands in another record, that record takes the
+    /// place of record 0, on purpose.
+    /// @return empty when there is no data attribute or its record cannot be read
     std::vector<ntfs_runlist> get_mft_runlist() const;
+
+    /// The run that holds a cluster of an attribute. Runs with markers below -1 are passed over.
+    /// @param runs  in VCN order
+    /// @param vcn   the cluster; set to the first one of the run that is returned
+    /// @return the last run when none holds it; {0, 0}, and `vcn` as it was, when there are no runs
     ntfs_runlist runlist_from_vcn(std::vector<ntfs_runlist> const& runs, long& vcn) const;
 
-    // Consistency checks (Consistency.cpp)
+    /// @}
+    /// @name Consistency checks (Consistency.cpp)
+    ///
+    /// They log nothing and repair nothing. In the texts R is the record number, the low 48 bits of the reference, and
+    /// T the attribute type, both in hexadecimal.
+    /// @{
+
+    /// Checks a record's header and each of its attributes.
+    /// @param record     one record, fixed up
+    /// @param reference  its MFT reference
+    /// @throws std::runtime_error
+    ///     - "Invalid record buffer.": null
+    ///     - "MFT Record 0xR has invalid file magic"
+    ///     - "Record 0xR has invalid size: 0x..."
+    ///     - "Record 0xR has invalid BytesInUse: 0x..."
+    ///     - "Incorrect attribute alignedment for record 0xR. Attribute offset: 0x..."
+    ///     - "Record 0xR is corrupt."
+    ///     - "Corrupt MFT record 0xR": an attribute's length
+    ///     - "Bad end of record for 0xR": the end marker is missing, or types do not ascend
+    ///     - what checkAttributeConsistency() says
     void checkFileRecordConsistency(void* record, unsigned long reference) const;
+
+    /// Checks one attribute's header, and the value of those whose form is known.
+    /// @param attribute  the attribute in its record
+    /// @param reference  the record's MFT reference
+    /// @throws std::runtime_error
+    ///     - "Invalid attribute record buffer.": null
+    ///     - "Corrupt non resident attributeT in MFT record 0xR", "Corrupt resident attribute 0xT in MFT record 0xR"
+    ///     - "Attribute 0xT in MFT record 0xR should be resident"
+    ///     - "Corrupt standard information in MFT record 0xR", and likewise "file name attribute", "object id", "volume
+    ///       information", "index root"
+    ///     - "Corrupt index allocation in MFT record R": it is resident
     void checkAttributeConsistency(void* attribute, unsigned long reference) const;
 
-    // Attributes and attribute lists (Attributes.cpp)
+    /// @}
+    /// @name Attributes and attribute lists (Attributes.cpp)
+    ///
+    /// Hits are numbers, never pointers: extension records are read into buffers that do not last. Who wants an
+    /// attribute whose holder is another record reads that record again.
+    /// @{
+
+    /// Finds the attributes of a type in a record and, through its attribute list, in others.
+    /// @param recordNumber  the record
+    /// @param record        its bytes, fixed up
+    /// @param type          0 gives only what a list in front of all else leads to
+    /// @return the hits; what a list leads to stands where the list stands
+    /// @throws std::runtime_error
+    ///     - "Invalid buffer passed in to traverse attributes for inode: N"
+    ///     - "Invalid buffer passed in to traverse attribute record for inode: N"
+    ///     - what get_attribute_external() throws
     AttributeHits get_attributes(unsigned long recordNumber, ntfs_mft_record_t* record, NtfsAttrTypes type) const;
+
+    /// The hits that an attribute list leads to. A list that is being walked already, or that is the 17th inside one
+    /// another, gives none.
+    /// @param baseRecord     the record that the list belongs to
+    /// @param listAttribute  the list, in its record or outside
+    /// @param type           wanted
+    /// @return none of a list with holes, after `Debug` "No support for compressed files yet."
+    /// @throws std::invalid_argument  "Attribute record is null."
+    /// @throws std::runtime_error     "Found no run list for attribute.", "Could not read from device.", or what the
+    ///     decoding of runs says
+    /// @throws std::bad_alloc         a list of a negative size
     AttributeHits get_attribute_external(unsigned long baseRecord, ntfs_attribute_record* listAttribute,
                                          NtfsAttrTypes type) const;
+
+    /// The hits that the entries of a list lead to. Each record is read once; those that cannot be read or belong to
+    /// another base record are passed over, with a `Debug` entry.
+    /// @param baseRecord  the record that the list belongs to
+    /// @param type        wanted
+    /// @param listLength  bytes
+    /// @param list        the entries
+    /// @return the hits in the order of the entries
     AttributeHits traverse_attr_list(unsigned long baseRecord, NtfsAttrTypes type, unsigned long listLength,
                                      unsigned char* list) const;
+
+    /// The first hit whose attribute has a name, with its case. Loads the upcase table.
+    /// @param recordNumber  the record in `record`
+    /// @param record        its bytes
+    /// @param hits          where to look; unnamed attributes never match
+    /// @param name          UTF-8
+    /// @return the hit
+    /// @throws std::runtime_error  "Could not find attribute with name NAME", or what reading a record throws
     AttributeHit findAttributeByName(unsigned long recordNumber, ntfs_mft_record_t* record, AttributeHits const& hits,
                                      std::string const& name);
 
-    // Runlists (Runlist.cpp)
+    /// @}
+    /// @name Runlists (Runlist.cpp)
+    ///
+    /// Given a pointer alone, an attribute's bytes end where its length says: what would lie on that border is cut off.
+    /// @{
+
+    /// Counts the mapping pairs of a non-resident attribute.
+    /// @param attribute  with all its bytes
+    /// @return pairs until the end marker or the attribute's end
     unsigned int get_no_runlist(ntfs_attribute_record const* attribute) const;
-    // Given a pointer alone, an attribute's bytes end where its length says: what would lie on that border is cut off.
+
+    /// Decodes the mapping pairs of a non-resident attribute. A pair without an offset takes the last byte of its
+    /// length as one; a pair without a length becomes {-1, -1}. Both on purpose.
+    /// @param attribute  with all its bytes
+    /// @return the runs
+    /// @throws std::runtime_error  "No run list can be found", "Invalid runlist", "Corrupt runlist"
     std::vector<ntfs_runlist> get_run_list(ntfs_attribute_record const* attribute) const;
+
+    /// The same; none of a resident attribute, after `Debug` "Attribute is resident. Can't find data-runs.".
+    /// @param attribute  with all its bytes
+    /// @return the runs
     std::vector<ntfs_runlist> get_data_runs(ntfs_attribute_record const* attribute) const;
+
+    /// The runs of all data attributes of a record, one after the other, and behind them those of an attribute list
+    /// outside the record. What cannot be read ends them, after `Debug` "Unable to read inode N".
+    /// @param recordNumber  the record
+    /// @return the runs until then
     std::vector<ntfs_runlist> get_inode_runlist(unsigned long recordNumber) const;
+
+    /// Copies runs, holes and markers included.
+    /// @param runs  in clusters
+    /// @return as many ranges, in clusters, in the same order
     std::vector<agent::BlockRange> runs_to_blockRange(std::vector<ntfs_runlist> const& runs) const;
 
-    // The used-cluster bitmap (Bitmap.cpp)
+    /// @}
+    /// @name The used-cluster bitmap (Bitmap.cpp)
+    /// @{
+
+    /// The routine behind getChunk(), without the `Error` entry.
+    /// @param length  bytes of the buffer
+    /// @param lcn     number of the first cluster, a multiple of 8
+    /// @param buffer  takes the bits
+    /// @return clusters covered, 0 at the end, or a negative code
     long fs_get_blocks_bitmap_chunk(unsigned long length, unsigned long lcn, char* buffer) const;
+
+    /// Reads whole runs, one after the other.
+    /// @param destination  takes them; at least the runs' bytes, twice that for BufferType::Units16
+    /// @param runs         in clusters
+    /// @param type         with Units16 a run is placed at the 16-bit unit whose number is the bytes read so far, so
+    ///     that a second run leaves a gap before it; on purpose
+    /// @param errorText    of the exception
+    /// @return bytes of the runs; what a short read did not deliver counts, too
+    /// @throws std::runtime_error  `errorText`: a run cannot be read
     unsigned long iterateDataRuns(unsigned short* destination, std::vector<ntfs_runlist> const& runs, BufferType type,
                                   std::string const& errorText);
 
-    // Paths (PathResolution.cpp)
+    /// @}
+    /// @name Paths (PathResolution.cpp)
+    /// @{
+
+    /// Splits a path at the longest directory that the cache knows.
+    /// @param path       as in extents()
+    /// @param resolved   takes that directory, empty for the root
+    /// @param remaining  takes the rest
+    /// @param record     5 before; the directory's record afterwards
     void resolve_cached_portion(std::string path, std::string& resolved, std::string& remaining, unsigned long& record);
+
+    /// Walks the rest of a path by lookups and puts the directories, not the last component, into the cache. What was
+    /// put there before a failure stays.
+    /// @param resolved   the directory to begin in, for the cache
+    /// @param remaining  components
+    /// @param record     the directory's record before, the last component's afterwards; all ones when that entry has
+    /// no
+    ///     file
     void resolve_uncached_portion(std::string resolved, std::string remaining, unsigned long& record);
 
-    // Security (Security.cpp)
+    /// @}
+    /// @name Security (Security.cpp)
+    /// @{
+
+    /// Reads the $SDS stream, unless it is there: all data attributes of record 9, whatever their names.
+    /// @throws std::runtime_error  "Could not find AtData for file $Secure", "Unable to read SDS entry", or what
+    ///     reading the records throws
     void readSDS();
+
+    /// The lists of a descriptor in the stream.
+    /// @param offset  byte of the descriptor's entry
+    /// @return as readACLFromFile()
+    /// @throws std::runtime_error  "Given $SDS offset N exceeds length of $SDS data, which is M", "Given $SDS offset N
+    ///     doesn't yield $SDS header with matching offset.", or what parseSecurityDescriptor() throws
     std::vector<NTFS_ACL> getACLFromSDS(unsigned long offset) const;
 
-    // Index lookup (Index.cpp, Collation.cpp)
+    /// @}
+    /// @name Index lookup (Index.cpp, Collation.cpp)
+    ///
+    /// In the texts KEY is the name, or the security identifier in decimal.
+    /// @{
+
+    /// Finds an entry in a directory, or in the $SII index of record 9. Of a child's VCN only the lowest byte is read.
+    /// @param parent  the MFT record that has the index
+    /// @param key     what to look for
+    /// @return the first 40 bytes of the entry
+    /// @throws std::invalid_argument  "Upcase file is not read."
+    /// @throws std::runtime_error
+    ///     - "Could not find INDEX_ROOT for key KEY in parent inode N", and likewise "INDEX_ALLOCATION"
+    ///     - "Invalid index block size": below 512, or no power of two
+    ///     - "Entry not found - between root entries for key KEY", "Could not find entry for key KEY in parent inode N"
+    ///     - "Unable to read INDEX ENTRY": a block cannot be read
+    ///     - "Index entry with child node found in a leaf node containing key KEY"
+    ///     - what the functions below and those of records and attributes throw
     ntfs_index_entry btree_lookup(unsigned long parent, BTreeKey const& key);
+
+    /// Walks the entries of one node.
+    /// @param entry       the entry to begin with; left at the match, or at the first entry behind the key
+    /// @param end         where the node's entries end
+    /// @param lowerBound  where the node's bytes begin
+    /// @param key         what to look for
+    /// @return whether the entry matches
+    /// @throws std::runtime_error
+    ///     - "Index entry out of bounds in inode for node with key KEY"
+    ///     - "Key type not recognized, aborting collation."
+    ///     - what check_index_entry_consistency() says
     bool traverse_index_entry(ntfs_index_entry** entry, unsigned char const* end, unsigned char const* lowerBound,
                               BTreeKey const& key) const;
+
+    /// Compares a name with that of a directory entry, without case.
+    /// @param entry  points to the entry
+    /// @param name   UTF-8
+    /// @return -1, 0, 1: the name sorts before, is, sorts behind the entry's
     int collate_index_names(ntfs_index_entry** entry, std::string const& name) const;
+
+    /// Compares a security identifier with that of an $SII entry, unsigned.
+    /// @param entry       points to the entry
+    /// @param identifier  the key
+    /// @return -1, 0, 1 as above
     int collate_index_security_IDs(ntfs_index_entry** entry, unsigned int const& identifier) const;
+
+    /// Compares two names in the order of NTFS directories. Wide characters are cut to 16 bits; a unit at or past the
+    /// table's length is its own upper case.
+    /// @param name1         UTF-16 units, one to a wide character
+    /// @param length1       units
+    /// @param name2         UTF-16 units
+    /// @param length2       units
+    /// @param ignoreCase    false: names that differ by case alone differ, by their first such unit
+    /// @param upcase        the table; null only where one of the names is empty
+    /// @param upcaseLength  its length. The parser passes the table's length in bytes, on purpose.
+    /// @return -1, 0, 1
+    /// @throws std::invalid_argument  "Upcase file is not read.": the table is null
     int collate_unicode_names(wchar_t const* name1, unsigned int length1, unsigned short const* name2,
                               unsigned int length2, bool ignoreCase, unsigned short const* upcase,
                               unsigned int upcaseLength) const;
+
+    /// Checks that key and data of an entry lie inside it.
+    /// @param entry  with all its bytes
+    /// @param key    tells the kind of index
+    /// @throws std::runtime_error  "Overflow from index entry for key: KEY", and likewise "Filename overflow", "Data
+    ///     overflow"; "Invalid key type for key: KEY"
     void check_index_entry_consistency(ntfs_index_entry const* entry, BTreeKey const& key) const;
+
+    /// Checks the header of an index block that was fixed up.
+    /// @param block      the block
+    /// @param blockSize  bytes, as the index root has it
+    /// @param vcn        where it was read
+    /// @param key        KEY
+    /// @throws std::runtime_error
+    ///     - "Corrupt index block signature for key: KEY"
+    ///     - "Corrupt index block. VCN doesn't match. Expected: V, found: W for key: KEY"
+    ///     - "Corrupt index block. Block size doesn't match. Expected: S, found: T for key: KEY"
+    ///     - "Invalid index entry offset for key: KEY"
+    ///     - "No space available in index entry for key: KEY"
+    ///     - "Index entries overflow for key: KEY"
     void check_index_block_consistency(ntfs_index_allocation const* block, unsigned long blockSize, long vcn,
                                        std::string const& key) const;
+
+    /// A key for messages.
+    /// @param key  a name or a security identifier
+    /// @return KEY
+    /// @throws std::runtime_error  "Key type not recognized, aborting operation."
     std::string keyToString(BTreeKey const& key) const;
+
+    /// @}
 
 private:
     using Bytes = std::span<std::uint8_t const>;

@@ -21,7 +21,8 @@ struct NTFS_ACE {
     std::uint64_t flags;      ///< the flag byte, zero-extended
 };
 
-/// One access-control list.
+/// One access-control list. Whether it is the system list or the discretionary one, only its place in the result and
+/// the modes of its entries tell.
 struct NTFS_ACL {
     std::uint8_t revision;      ///< as stored
     bool inheritanceAllowed;    ///< whether the descriptor leaves this list unprotected
@@ -56,9 +57,10 @@ enum AceFlags : std::uint8_t {
 
 /// A self-relative security descriptor, as it stands on disk.
 struct security_descriptor {
-    std::uint8_t revision;  ///< 0x00
-    std::uint8_t alignment; ///< 0x01
-    le16 control;           ///< 0x02
+    std::uint8_t revision;  ///< 0x00: not looked at
+    std::uint8_t alignment; ///< 0x01: not looked at
+    le16 control;           ///< 0x02: 0x8000 self-relative, 0x0010 and 0x0004 the system and the discretionary list are
+                            ///< present, 0x2000 and 0x1000 they are protected
     le32 owner;             ///< 0x04: offset from the descriptor, as the next three
     le32 group;             ///< 0x08
     le32 sacl;              ///< 0x0C: the system list
@@ -106,27 +108,45 @@ static_assert(offsetof(_SID, sub_authority) == 0x08);
 
 /// The lists of a descriptor: first the system list, then the discretionary one, each if it is marked present, does not
 /// stand at offset 0 (a null list) and has entries. Nothing else tells them apart.
+///
+/// These functions keep nothing and may be called from any thread.
 /// @param descriptor  with all that its offsets and sizes lead to; the caller vouches for the memory. Descriptors from
-/// a
-///     disk go through NTFSParser, which knows where the bytes end.
+///     a disk go through NTFSParser, which knows where the bytes end.
+/// @return none, one or two lists
 /// @throws std::logic_error    "Descriptor is not self-relative! NTFSParser can parse self-relative descriptors only."
 /// @throws std::runtime_error  "SID is invalid! Cannot convert to string."
 AGENT_EXPORT std::vector<NTFS_ACL> parseSecurityDescriptor(security_descriptor const* descriptor);
 
 /// The entries of a list, in their order.
 /// @param acl  with all its entries; the caller vouches for the memory
+/// @return as many entries as the list counts
 /// @throws std::runtime_error  "SID is invalid! Cannot convert to string."
 AGENT_EXPORT std::vector<NTFS_ACE> parseACEs(security_acl const* acl);
 
 /// A security identifier as text: "S-", revision, authority, sub-authorities. The authority is decimal when it fits in
-/// 32 bits, otherwise lower-case hexadecimal without prefix or padding, on purpose.
+/// 32 bits, otherwise lower-case hexadecimal without prefix or padding, on purpose: "S-1-5-18", "S-1-10000000000-1".
+/// @param sid  with as many sub-authorities as it counts
+/// @return the text
 /// @throws std::runtime_error  "SID is invalid! Cannot convert to string."
 AGENT_EXPORT std::string sidToString(_SID const& sid);
 
-/// The access mode of an entry (see NTFS_ACE). Alarms grant, except those with a callback, on purpose.
+/// The access mode of an entry (see NTFS_ACE):
+///
+/// | type | mode |
+/// |---|---|
+/// | 0, 3, 4, 5, 8, 9, 11 | 2 set |
+/// | 1, 6, 10, 12 | 3 deny |
+/// | 2, 7, 13, 15 | 5 with flag 0x40, else 6 with flag 0x80, else 0 |
+/// | 14, 16 and above | 0 not used |
+///
+/// Alarms (3, 8) grant, except those with a callback (14), on purpose.
+/// @param type   the first byte of the entry; values without a name are taken, too
+/// @param flags  its second byte
+/// @return 0, 2, 3, 5 or 6
 AGENT_EXPORT std::uint8_t typeToAccessMode(AceTypes type, AceFlags flags);
 
-/// Whether an entry of this type stores its trustee where object entries do.
+/// Whether an entry of this type stores its trustee where object entries do, at byte 0x34 of the entry: types 5, 6, 7,
+/// 8, 11, 12 and 15.
 AGENT_EXPORT bool isObjectACE(AceTypes type);
 
 /// Whether the revision is 1 and there are at most 15 sub-authorities.

@@ -21,7 +21,7 @@ struct ntfs_runlist {
     std::int64_t length; ///< clusters
 };
 
-/// Attribute types of NTFS.
+/// Attribute types of NTFS; the names are the format's own. In a record they ascend.
 enum NtfsAttrTypes : std::uint32_t {
     kNoAttribute = 0,
     kStandardInformation = 0x10,
@@ -44,8 +44,8 @@ enum NtfsAttrTypes : std::uint32_t {
 /// The beginning of an index entry: its header and the start of its key and data, as they stand on disk.
 struct ntfs_index_entry {
     le64 file_reference; ///< 0x00: MFT record number in the low 48 bits; in $SII the data offset and data length
-    le16 entry_length;   ///< 0x08
-    le16 key_length;     ///< 0x0A
+    le16 entry_length;   ///< 0x08: bytes, header and key included
+    le16 key_length;     ///< 0x0A: bytes
     le16 flags;          ///< 0x0C: 1 the entry has a child node, 2 the last entry of its node
     le16 reserved;       ///< 0x0E
     le32 key;            ///< 0x10: in $SII the security identifier

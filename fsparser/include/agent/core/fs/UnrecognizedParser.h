@@ -6,7 +6,7 @@
 
 namespace agent::core::fs {
 
-/// Reports every unit as used. Reads nothing and cannot fail.
+/// Reports every unit as used: what is not understood is kept. Reads nothing and cannot fail; any thread.
 class AGENT_EXPORT UnrecognizedParser : public IBlockBitmapChunkProvider {
 public:
     /// @param totalUnits  units of the volume, of whatever size the caller counts in

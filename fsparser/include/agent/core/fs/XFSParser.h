@@ -14,7 +14,7 @@ namespace agent::core::fs {
 
 /// What the parser keeps of an allocation group's free-space header, in host order.
 struct xfs_free_space_info {
-    std::uint32_t magic;
+    std::uint32_t magic;          ///< "XAGF" as a number
     std::uint32_t fl_first;       ///< index of the free list's first entry
     std::uint32_t fl_last;        ///< index of its last entry
     std::uint32_t offset_bt_root; ///< block of the root of the by-block-number free-space tree, in the group
@@ -31,8 +31,8 @@ struct xfs_btree_record {
 /// significant bit first.
 ///
 /// Limits that are kept on purpose, so that a caller must know them:
-/// - Bits at or past the last block: as many bytes of every chunk as the whole map has are inverted, so that in a
-///   chunk from block 0 the bytes wholly past it stay 0, and in a later one they are 1.
+/// - Bits at or past the last block: as many bytes of every chunk as the whole map has are inverted, so that in a chunk
+///   from block 0 the bytes wholly past it stay 0, and in a later one they are 1.
 /// - A free list that wraps around its end stays used, and so do its entries beyond the first 512 bytes.
 /// - From an inner node of a free-space tree the whole level below it is walked, from the node's first child to the
 ///   level's right end: trees of three and more levels have their lower nodes read more than once.
@@ -42,12 +42,22 @@ struct xfs_btree_record {
 /// The superblock is read once, at construction; every getChunk() reads header, free list and tree of each group that
 /// the chunk touches. Few long chunks are therefore cheap, many short ones are not. No state is kept between calls.
 /// Logger and volume reader are not owned and must outlive the parser; one thread at a time.
+///
+/// @code
+/// agent::core::fs::XFSParser parser(logger, 4096, volume);
+/// std::vector<char> map(8 << 20);
+/// long const blocks = parser.getChunk(0, map.data(), map.size()); // bit b of byte i: block 8 * i + b
+/// unsigned long const journal = parser.getXFSJournalBlocks();     // throws where the journal is on another device
+/// @endcode
 class AGENT_EXPORT XFSParser : public IBlockBitmapChunkProvider {
 public:
     /// Reads and checks the superblock (512 bytes at byte 0) and logs its fields at `Debug`.
+    /// @param logger     takes every message; not owned
     /// @param alignment  bytes, the granularity of every read; what the device asks for in direct I/O
-    /// @throws std::runtime_error     "Can't read XFS super block." (also for an alignment of 0) or "Not an XFS
-    ///     filesystem"
+    /// @param volume     an open volume; not owned
+    /// @throws std::runtime_error
+    ///     - "Can't read XFS super block." (also for an alignment of 0)
+    ///     - "Not an XFS filesystem"
     /// @throws std::invalid_argument  the alignment is no power of two
     XFSParser(agent::info::Logger& logger, unsigned int alignment, agent::core::IVolumeReader const& volume);
     XFSParser(XFSParser const&) = delete;
@@ -59,10 +69,13 @@ public:
     static bool isXFSFileSystem(void* buffer);
 
     /// As IBlockBitmapChunkProvider states it. The offset is a multiple of 8. The whole buffer is cleared first; what
-    /// it holds after an error means nothing. A negative result is -1, after an `Error` entry of its cause ("Can't read
-    /// fsi block.", "Invalid fsi magic number.", a text of XFSBTreeNode, whose "XFS: cannot read btree node header"
-    /// also stands for siblings in a circle, for more than 64 levels and for more than 2^24 nodes; none for an offset
-    /// that is no multiple of 8, groups of 0 blocks, or an unreadable free list) and one that ends with the code.
+    /// it holds after an error means nothing. A negative result is -1, after an `Error` entry of its cause and a second
+    /// one:
+    ///     - none for an offset that is no multiple of 8, groups of 0 blocks, or an unreadable free list
+    ///     - "Can't read fsi block." or "Invalid fsi magic number."
+    ///     - a text of XFSBTreeNode; "XFS: cannot read btree node header" also stands for siblings in a circle, for
+    ///       more than 64 levels and for more than 2^24 nodes
+    ///     - then "A logical error occurred while attempting to parse XFS bitmap, err: -1"
     /// @throws std::bad_alloc  the memory for a node cannot be had
     long getChunk(unsigned long offset, char* buffer, unsigned long length) const override;
 
@@ -80,35 +93,50 @@ protected:
 
     /// The routine behind getChunk(), without the last entry.
     /// @param length  bytes of the buffer
-    /// @param offset  number of the first block
+    /// @param offset  number of the first block, a multiple of 8
+    /// @param buffer  takes the bits
     /// @return blocks covered, 0 at the end, -1 on an error
     long fs_get_blocks_bitmap_chunk(unsigned long length, unsigned long offset, char* buffer) const;
 
     /// Reads a group's free-space header.
+    /// @param agNumber   the group
     /// @param agBlocks   blocks of a group
     /// @param blockSize  bytes
+    /// @param info       takes the header
     /// @return 0; all ones after the `Error` entry "Can't read fsi block." or "Invalid fsi magic number."
     unsigned int read_fsi(unsigned int agNumber, unsigned int agBlocks, unsigned int blockSize,
                           xfs_free_space_info* info) const;
 
     /// Reads a group's free list.
-    /// @param version  the superblock's version word
-    /// @param list     takes 128 entries in host order, or the 119 that a volume with checksums has there
+    /// @param version    the superblock's version word
+    /// @param agNumber   the group
+    /// @param agBlocks   blocks of a group
+    /// @param blockSize  bytes
+    /// @param list       takes 128 entries in host order, or the 119 that a volume with checksums has there
     /// @return 0, or all ones when it cannot be read
     unsigned int read_agfl(unsigned short version, unsigned int agNumber, unsigned int agBlocks, unsigned int blockSize,
                            unsigned int* list) const;
 
     /// Sets the bit of one block, unless it lies outside the chunk.
+    /// @param buffer      the chunk
     /// @param byteOffset  bytes of the whole bitmap before the chunk
     /// @param length      bytes of the chunk
+    /// @param agNumber    the group
+    /// @param agBlocks    blocks of a group
     /// @param agBlock     block in the group
     /// @param count       grows by 1 when the bit was clear
     void fs_bitmap_mark(char* buffer, unsigned long byteOffset, unsigned long length, unsigned int agNumber,
                         unsigned int agBlocks, unsigned int agBlock, unsigned long* count) const;
 
     /// Sets the bits of a run as fs_bitmap_mark sets one. The run's end wraps at 32 bits.
-    /// @param start   first block in the group
-    /// @param blocks  blocks; 0 sets nothing
+    /// @param buffer      the chunk
+    /// @param byteOffset  bytes of the whole bitmap before the chunk
+    /// @param length      bytes of the chunk
+    /// @param agNumber    the group
+    /// @param agBlocks    blocks of a group
+    /// @param start       first block in the group
+    /// @param blocks      blocks; 0 sets nothing
+    /// @param count       grows by the bits that were clear
     void bitmap_mark_range(char* buffer, unsigned long byteOffset, unsigned long length, unsigned int agNumber,
                            unsigned int agBlocks, unsigned int start, unsigned int blocks, unsigned long* count) const;
 
@@ -143,8 +171,9 @@ private:
 class AGENT_EXPORT XFSParser::XFSBTreeNode {
 public:
     /// Reads and checks the node.
-    /// @param parser   whose logger, volume and alignment are used; not kept
-    /// @param agBlock  block in the group
+    /// @param parser    whose logger, volume and alignment are used; not kept
+    /// @param agNumber  the group
+    /// @param agBlock   block in the group
     /// @throws std::runtime_error
     ///     - "XFS: cannot create null btree node": block 0xFFFFFFFF
     ///     - "XFS: cannot read btree node header"
@@ -155,8 +184,12 @@ public:
     ///     - "XFS: Can't read children in btree node."
     /// @throws std::bad_alloc  the memory for its records, at most 768 KiB, cannot be had
     XFSBTreeNode(XFSParser const* parser, unsigned int agNumber, unsigned int agBlock);
+    /// Takes the records over.
     XFSBTreeNode(XFSBTreeNode&& other) noexcept;
+
+    /// Takes the records over.
     XFSBTreeNode& operator=(XFSBTreeNode&& other) noexcept;
+
     XFSBTreeNode(XFSBTreeNode const&) = delete;
     XFSBTreeNode& operator=(XFSBTreeNode const&) = delete;
     virtual ~XFSBTreeNode();

@@ -1,0 +1,138 @@
+// Commands in --help, in mdoc and in Markdown.
+#include "ShownCommands.h"
+
+#include "Manual.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <regex>
+#include <sstream>
+#include <stdexcept>
+#include <utility>
+
+namespace tests {
+
+namespace {
+
+constexpr char const* kPrompt = "$ ";
+
+/// mdoc's ways to write what it would take for something else.
+std::string unescaped(std::string text) {
+    for (auto const& [escape, meaning] : {std::pair{"\\-", "-"}, {"\\(aq", "'"}, {"\\e", "\\"}}) {
+        std::string const from = escape;
+        std::string const to = meaning;
+        for (auto at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
+            text.replace(at, from.size(), to);
+        }
+    }
+    return text;
+}
+
+/// A console block: commands behind the prompt, and what they print.
+void addSession(std::vector<ShownCommand>& commands, std::string const& place, std::vector<std::string> const& lines) {
+    for (std::string const& line : lines) {
+        if (line.starts_with(kPrompt)) {
+            commands.push_back({place, line.substr(2), ""});
+        } else if (!commands.empty()) {
+            commands.back().output += line + "\n";
+        }
+    }
+}
+
+void addBlock(std::vector<ShownCommand>& commands, std::string const& place, std::string const& language,
+              std::vector<std::string> const& lines) {
+    if (language == "console") {
+        addSession(commands, place, lines);
+    } else if (language == "sh" || language == "bash") {
+        for (std::string const& line : lines) {
+            commands.push_back({place, line.substr(0, line.find_last_not_of(' ', line.find(" #")) + 1), ""});
+        }
+    } else if (language == "indented" && std::any_of(lines.begin(), lines.end(), [](std::string const& line) {
+                   return line.starts_with("fsparser ");
+               })) {
+        std::string script;
+        for (std::string const& line : lines) {
+            script += line + "\n";
+        }
+        commands.push_back({place, script, ""});
+    }
+}
+
+std::string sourceFile(std::string const& document) {
+    return std::string(FSPARSER_SOURCE_DIR) + "/" + document;
+}
+
+} // namespace
+
+std::vector<ShownCommand> commandsInHelp(std::string const& verb) {
+    std::istringstream help(helpOf(verb));
+    std::vector<ShownCommand> commands;
+    bool isExample = false;
+    for (std::string line; std::getline(help, line);) {
+        if (isExample && line.starts_with("  ")) {
+            commands.push_back({"fsparser " + verb + " --help", line.substr(2), ""});
+        } else {
+            isExample = line == "Example:" || line == "Examples:";
+        }
+    }
+    return commands;
+}
+
+std::vector<ShownCommand> commandsInPage(std::string const& verb) {
+    std::vector<ShownCommand> commands;
+    for (std::string const& line : linesOf(pagePath(verb))) {
+        if (line.starts_with(kPrompt)) {
+            commands.push_back({pageName(verb) + "(1)", unescaped(line.substr(2)), ""});
+        }
+    }
+    return commands;
+}
+
+std::vector<ShownCommand> commandsInMarkdown(std::string const& document) {
+    std::vector<ShownCommand> commands;
+    std::vector<std::string> block;
+    std::string language; // of a fence, "indented", or empty outside of a block
+    for (std::string const& line : linesOf(sourceFile(document))) {
+        bool const isFence = line.starts_with("```");
+        bool const isIndented = line.starts_with("    ");
+        if (language.empty() && isFence) {
+            language = line.size() > 3 ? line.substr(3) : "none";
+        } else if (language.empty() && isIndented) {
+            language = "indented";
+            block.push_back(line.substr(4));
+        } else if (language == "indented" ? isIndented : !language.empty() && !isFence) {
+            block.push_back(language == "indented" ? line.substr(4) : line);
+        } else if (!language.empty()) {
+            addBlock(commands, document, language, std::exchange(block, {}));
+            language.clear();
+        }
+    }
+    addBlock(commands, document, language, block);
+    return commands;
+}
+
+std::vector<std::string> callsInProse(std::string const& document) {
+    static std::regex const pattern("`(fsparser [^`]+)`");
+    std::vector<std::string> calls;
+    for (std::string const& line : linesOf(sourceFile(document))) {
+        for (std::sregex_iterator match(line.begin(), line.end(), pattern), end; match != end; ++match) {
+            calls.push_back((*match)[1]);
+        }
+    }
+    return calls;
+}
+
+std::vector<std::string> markdownDocuments() {
+    namespace fs = std::filesystem;
+    fs::path const top(FSPARSER_SOURCE_DIR);
+    std::vector<std::string> documents{"README.md"};
+    for (auto const& entry : fs::recursive_directory_iterator(top / "docs")) {
+        if (entry.path().extension() == ".md") {
+            documents.push_back(fs::relative(entry.path(), top).generic_string());
+        }
+    }
+    std::sort(documents.begin() + 1, documents.end());
+    return documents;
+}
+
+} // namespace tests

@@ -1,0 +1,33 @@
+// The commands that documents show, taken out of them.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace tests {
+
+/// Lines of shell as a reader types them, and what the document prints below them.
+struct ShownCommand {
+    std::string place; ///< the document
+    std::string script;
+    std::string output; ///< empty where none is shown
+};
+
+/// The examples at the end of a verb's --help; "" is the command without a verb.
+std::vector<ShownCommand> commandsInHelp(std::string const& verb);
+
+/// The lines of a verb's page that begin with a dollar sign.
+std::vector<ShownCommand> commandsInPage(std::string const& verb);
+
+/// The fenced blocks of a Markdown document for the shell, a command a line, with output where they are for the
+/// console; and the indented blocks in which fsparser is called, each a command as a whole.
+/// @param document  its path from the top of the source tree
+std::vector<ShownCommand> commandsInMarkdown(std::string const& document);
+
+/// The code within lines of a Markdown document that begins with fsparser.
+std::vector<std::string> callsInProse(std::string const& document);
+
+/// README.md, and what is in docs, as paths from the top of the source tree.
+std::vector<std::string> markdownDocuments();
+
+} // namespace tests
