@@ -7,6 +7,7 @@
 #include <CLI/CLI.hpp>
 #include <bit>
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -104,6 +105,14 @@ std::optional<std::uint64_t> parseOffset(std::string text) {
     return number * factor;
 }
 
+/// What is wrong with a whole number, which must be in 64 bits; nothing when all is well.
+std::string checkNumber(std::string const& text, std::uint64_t least) {
+    std::uint64_t number = 0;
+    auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    bool const isNumber = error == std::errc() && end == text.data() + text.size() && number >= least;
+    return isNumber ? "" : text + " is no whole number from " + std::to_string(least) + " on";
+}
+
 std::string checkOffset(std::string const& text) {
     return parseOffset(text) ? std::string()
                              : "an offset is a number of bytes, or of sectors with an s behind, not " + text;
@@ -157,7 +166,7 @@ CLI::App* addVerb(CLI::App& app, Request& request, char const* name, char const*
         ->add_option("--max-reads", options.budget.reads,
                      "give a volume up after N reads (default: 100000000): its structures may lead in a circle")
         ->type_name("N")
-        ->check(CLI::PositiveNumber.description(""));
+        ->check(CLI::Validator([](std::string const& text) { return checkNumber(text, 1); }, ""));
     command
         ->add_option_function<std::uint64_t>(
             "--max-time", [&options](std::uint64_t seconds) { options.budget.time = std::chrono::seconds(seconds); },
@@ -314,7 +323,8 @@ void addPaths(CLI::App* command, Request& request) {
     command->add_option("--from", options.pathList, "read paths from a file, one a line; - for standard input")
         ->type_name("FILE|-");
     command->add_option("--cache", options.cache, "directories that the path cache keeps (default: 1000)")
-        ->type_name("N");
+        ->type_name("N")
+        ->check(CLI::Validator([](std::string const& text) { return checkNumber(text, 0); }, ""));
 }
 
 void addFileVerbs(CLI::App& app, Request& request) {

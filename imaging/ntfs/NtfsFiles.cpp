@@ -92,7 +92,13 @@ FileFacts Files::stat(std::string const& path) {
 }
 
 std::vector<agent::BlockRange> Files::extents(std::string const& path) {
-    return parser_->extents(toLibraryPath(path));
+    std::string const own = toLibraryPath(path);
+    std::vector<agent::BlockRange> ranges = parser_->extents(own);
+    if (ranges.empty()) {
+        // The library says nothing of a record that it cannot read.
+        parser_->attributesOf(parser_->convert_to_inode(own), agent::core::fs::kData, boot_);
+    }
+    return ranges;
 }
 
 std::vector<agent::core::fs::NTFS_ACL> Files::accessLists(std::string const& path) {

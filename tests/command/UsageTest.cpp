@@ -175,7 +175,8 @@ TEST(CommandOutput, AFullDiskIsOneSentenceAndExitCode1) {
 
 TEST(CommandOutput, AFullDiskIsNotBlamedOnTheVolumeWhenThereIsMuchToWrite) {
     TempDirectory const directory;
-    ExtBuilder const builder = makeSoundExtVolume(ExtGeometry::with4KiBBlocks(100000)).fillBitmapsAtRandom(3).markOwnBlocks();
+    ExtBuilder const builder =
+        makeSoundExtVolume(ExtGeometry::with4KiBBlocks(100000)).fillBitmapsAtRandom(3).markOwnBlocks();
     std::string const path = writeExtVolume(directory.file("volume"), builder);
     CommandOptions full = plainOptions();
     full.outputPath = "/dev/full";
@@ -189,6 +190,17 @@ TEST(CommandOutput, AFullDiskIsNotBlamedOnTheVolumeWhenThereIsMuchToWrite) {
         EXPECT_EQ(result.exitCode, 1) << arguments[0] << ": " << result;
         EXPECT_EQ(result.error, "fsparser: standard output: cannot be written: No space left on device\n");
     }
+}
+
+TEST(CommandUsage, NumbersThatAreNoneAreRefusedInOneSentence) {
+    for (std::string const text : {"-1", "abc", "99999999999999999999999", "1x", ""}) {
+        for (std::string const option : {"--max-reads", "--cache"}) {
+            CommandResult const result = fsparser({"stat", option, text, "/nowhere", "/file"});
+            EXPECT_EQ(result.exitCode, 2) << option << " " << text << ": " << result;
+            EXPECT_THAT(result.error, HasSubstr("is no whole number from")) << option << " " << text;
+        }
+    }
+    EXPECT_EQ(fsparser({"info", "--max-reads", "0", "/nowhere"}).exitCode, 2);
 }
 
 } // namespace
