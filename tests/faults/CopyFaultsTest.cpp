@@ -95,7 +95,7 @@ TEST_P(CopyFaults, LeaveNoFileOrARightOne) {
                                        bench.removeCopy();
                                        EXPECT_THAT(namesIn(bench.directory), ElementsAre("volume"));
                                    });
-    EXPECT_GT(calls, 3U);
+    EXPECT_GE(calls, 2U);
 }
 
 TEST_P(CopyFaults, MakeNoVerdictOfAComparison) {

@@ -99,6 +99,8 @@ void VolumeCalls::change(void* buffer, long count) const {
 
 } // namespace tests
 
+// Seen by the libraries as well.
+#pragma GCC visibility push(default)
 extern "C" {
 
 ssize_t read(int descriptor, void* buffer, std::size_t length) {
@@ -111,9 +113,19 @@ ssize_t pread(int descriptor, void* buffer, std::size_t length, off_t offset) {
                     [=](std::size_t count) { return ::syscall(SYS_pread64, descriptor, buffer, count, offset); });
 }
 
+// What fortified calls become.
+ssize_t __read_chk(int descriptor, void* buffer, std::size_t length, std::size_t) {
+    return read(descriptor, buffer, length);
+}
+
+ssize_t __pread_chk(int descriptor, void* buffer, std::size_t length, off_t offset, std::size_t) {
+    return pread(descriptor, buffer, length, offset);
+}
+
 off_t lseek(int descriptor, off_t offset, int whence) noexcept {
     tests::VolumeCalls* const calls = callsOn(descriptor);
     return calls != nullptr && calls->isSeekTurn() ? failed() : ::syscall(SYS_lseek, descriptor, offset, whence);
 }
 
 } // extern "C"
+#pragma GCC visibility pop
