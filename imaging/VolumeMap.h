@@ -60,7 +60,8 @@ public:
     /// Called after each chunk with the units done; what it throws ends the walk.
     using Progress = std::function<void(std::uint64_t units)>;
 
-    /// Walks the whole volume, reading it anew, with one chunk in memory. The runs alternate between used and free and cover every unit.
+    /// Walks the whole volume, reading it anew, with one chunk in memory. The runs alternate between used and free and
+    /// cover every unit.
     /// @throws VolumeError  the parser failed: a negative code is an error with its reason, never "free"
     MapTotals walk(RunSink const& sink, Progress const& progress = {});
 

@@ -59,7 +59,8 @@ TEST(CommandBitmap, BitsPastTheLastUnitAreClear) {
 TEST(CommandBitmap, RandomBitmapsOfManyGroupsAreExact) {
     TempDirectory const directory;
     // More than two of the writer's buffers, and a last group that is short.
-    ExtBuilder const builder = makeSoundExtVolume(ExtGeometry::with4KiBBlocks(5'000'003)).fillBitmapsAtRandom(12).markOwnBlocks();
+    ExtBuilder const builder =
+        makeSoundExtVolume(ExtGeometry::with4KiBBlocks(5'000'003)).fillBitmapsAtRandom(12).markOwnBlocks();
     std::string const path = writeExtVolume(directory.file("volume"), builder);
     std::vector<std::uint8_t> const expected = bitmapOf(builder.map());
     EXPECT_TRUE(bytesOf(fsparser({"bitmap", path}).output) == expected);

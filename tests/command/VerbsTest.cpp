@@ -125,7 +125,8 @@ TEST(CommandRanges, AVolumeWithoutUsedUnitsHasNone) {
 
 TEST(CommandRanges, RandomBitmapsOfSeveralGroupsAreWhole) {
     TempDirectory const directory;
-    ExtBuilder const builder = makeSoundExtVolume(ExtGeometry::with4KiBBlocks(100000)).fillBitmapsAtRandom(11).markOwnBlocks();
+    ExtBuilder const builder =
+        makeSoundExtVolume(ExtGeometry::with4KiBBlocks(100000)).fillBitmapsAtRandom(11).markOwnBlocks();
     std::string const path = writeExtVolume(directory.file("volume"), builder);
     Json const expected = usedRuns(builder.map());
     EXPECT_TRUE(documentOf({"ranges", "--json", path})["ranges"] == expected);

@@ -117,46 +117,63 @@ TEST(GuestCalls, GoodVolumesAndTheDeepestTreesAreReadToTheirEnd) {
     EXPECT_NE(answerOf("NtfsBlocksInACircle").find("Unable to read INDEX ENTRY"), std::string::npos);
 }
 
-class Manners : public testing::TestWithParam<GuestCall> {};
-
-TEST_P(Manners, NothingIsPrinted) {
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    Lines const transcript = transcriptOf(GetParam());
-    ::fflush(nullptr);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-    EXPECT_FALSE(transcript.empty());
-}
-
-TEST_P(Manners, TheProcessStaysAsItWas) {
-    transcriptOf(GetParam()); // what the test itself sets up at first
-    Lines const before = stateOfTheProcess();
-    transcriptOf(GetParam());
-    EXPECT_EQ(stateOfTheProcess(), before);
-}
-
-TEST_P(Manners, OnlyDocumentedExceptionsLeave) {
-    std::string const answer = transcriptOf(GetParam()).front();
-    EXPECT_EQ(answer.find("undocumented"), std::string::npos) << answer;
-}
-
-TEST_P(Manners, TheErrorNumberOfTheHostStays) {
-    if (GetParam().opensFiles) {
-        GTEST_SKIP() << "its system calls fail on purpose";
+/// Looks at every visit. The volumes take a while to make, so all are looked at in one process.
+template <typename Look>
+void forEachCall(Look const& look) {
+    for (GuestCall const& call : guestCalls()) {
+        SCOPED_TRACE(call.name);
+        look(call);
     }
-    constexpr int kOfTheHost = 4242;
-    errno = kOfTheHost;
-    transcriptOf(GetParam());
-    EXPECT_EQ(errno, kOfTheHost);
 }
 
-TEST_P(Manners, TheSameVisitGivesTheSameAnswers) {
-    Lines const first = transcriptOf(GetParam());
-    for (GuestCall const& other : {guestCalls().front(), guestCalls().back()}) {
-        transcriptOf(other); // whatever was asked in between
-    }
-    EXPECT_EQ(transcriptOf(GetParam()), first);
+TEST(Manners, NothingIsPrinted) {
+    forEachCall([](GuestCall const& call) {
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
+        Lines const transcript = transcriptOf(call);
+        ::fflush(nullptr);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+        EXPECT_FALSE(transcript.empty());
+    });
+}
+
+TEST(Manners, TheProcessStaysAsItWas) {
+    forEachCall([](GuestCall const& call) {
+        transcriptOf(call); // what the test itself sets up at first
+        Lines const before = stateOfTheProcess();
+        transcriptOf(call);
+        EXPECT_EQ(stateOfTheProcess(), before);
+    });
+}
+
+TEST(Manners, OnlyDocumentedExceptionsLeave) {
+    forEachCall([](GuestCall const& call) {
+        std::string const answer = transcriptOf(call).front();
+        EXPECT_EQ(answer.find("undocumented"), std::string::npos) << answer;
+    });
+}
+
+TEST(Manners, TheErrorNumberOfTheHostStays) {
+    forEachCall([](GuestCall const& call) {
+        if (call.opensFiles) {
+            return; // its system calls fail on purpose
+        }
+        constexpr int kOfTheHost = 4242;
+        errno = kOfTheHost;
+        transcriptOf(call);
+        EXPECT_EQ(errno, kOfTheHost);
+    });
+}
+
+TEST(Manners, TheSameVisitGivesTheSameAnswers) {
+    forEachCall([](GuestCall const& call) {
+        Lines const first = transcriptOf(call);
+        for (GuestCall const& other : {guestCalls().front(), guestCalls().back()}) {
+            transcriptOf(other); // whatever was asked in between
+        }
+        EXPECT_EQ(transcriptOf(call), first);
+    });
 }
 
 /// Numbers as a host may want to show them to people.
@@ -190,41 +207,39 @@ private:
     std::string cLocale_;
 };
 
-TEST_P(Manners, TextsAreTheSameInAForeignLocale) {
-    Lines const plain = transcriptOf(GetParam());
-    Lines before;
-    Lines after;
-    Lines foreign;
-    {
-        ForeignLocale const locale;
-        std::ostringstream number;
-        number << 1234567;
-        ASSERT_EQ(number.str(), "1.234.567") << "the locale does what it is here for";
-        before = stateOfTheProcess();
-        foreign = transcriptOf(GetParam());
-        after = stateOfTheProcess();
-    }
-    EXPECT_EQ(foreign, plain);
-    EXPECT_EQ(after, before) << "nor is it set back";
+TEST(Manners, TextsAreTheSameInAForeignLocale) {
+    forEachCall([](GuestCall const& call) {
+        Lines const plain = transcriptOf(call);
+        Lines before;
+        Lines after;
+        Lines foreign;
+        {
+            ForeignLocale const locale;
+            std::ostringstream number;
+            number << 1234567;
+            ASSERT_EQ(number.str(), "1.234.567") << "the locale does what it is here for";
+            before = stateOfTheProcess();
+            foreign = transcriptOf(call);
+            after = stateOfTheProcess();
+        }
+        EXPECT_EQ(foreign, plain);
+        EXPECT_EQ(after, before) << "nor is it set back";
+    });
 }
 
-TEST_P(Manners, ArithmeticOfTheHostStaysAndChangesNothing) {
-    Lines const plain = transcriptOf(GetParam());
-    std::fenv_t usual{};
-    std::fegetenv(&usual);
-    std::fesetround(FE_UPWARD);
-    Lines const upward = transcriptOf(GetParam());
-    int const rounding = std::fegetround();
-    std::fesetenv(&usual);
-    EXPECT_EQ(rounding, FE_UPWARD);
-    EXPECT_EQ(upward, plain);
+TEST(Manners, ArithmeticOfTheHostStaysAndChangesNothing) {
+    forEachCall([](GuestCall const& call) {
+        Lines const plain = transcriptOf(call);
+        std::fenv_t usual{};
+        std::fegetenv(&usual);
+        std::fesetround(FE_UPWARD);
+        Lines const upward = transcriptOf(call);
+        int const rounding = std::fegetround();
+        std::fesetenv(&usual);
+        EXPECT_EQ(rounding, FE_UPWARD);
+        EXPECT_EQ(upward, plain);
+    });
 }
-
-std::string nameOf(testing::TestParamInfo<GuestCall> const& instance) {
-    return instance.param.name;
-}
-
-INSTANTIATE_TEST_SUITE_P(Calls, Manners, testing::ValuesIn(guestCalls()), nameOf);
 
 TEST(MannersOfThreads, TwoOfThemGetTheAnswersThatOneGets) {
     std::vector<Lines> alone;
@@ -287,29 +302,27 @@ std::size_t stackUsedBy(std::function<void()> const& work) {
     return kRoom - untouched;
 }
 
-class SmallStack : public testing::TestWithParam<GuestCall> {};
-
-TEST_P(SmallStack, IsEnough) {
-    if (kIsSanitized) {
-        GTEST_SKIP() << "the sanitizer makes frames larger than they are";
-    }
-    Lines const expected = transcriptOf(GetParam());
-    Lines transcript;
-    auto const visit = [&] { transcript = transcriptOf(GetParam()); };
-    std::size_t const used = stackUsedBy(visit);
-    RecordProperty("stack", static_cast<int>(used));
-    ASSERT_LT(used, kSmallStack - kGuard);
-    EXPECT_GT(used, 1000U) << "the measure sees something";
-    transcript.clear();
-    pthread_attr_t attributes;
-    ASSERT_EQ(::pthread_attr_init(&attributes), 0);
-    ASSERT_EQ(::pthread_attr_setstacksize(&attributes, kSmallStack), 0);
-    runInThread(attributes, visit);
-    ::pthread_attr_destroy(&attributes);
-    EXPECT_EQ(transcript, expected);
+TEST(SmallStack, IsEnough) {
+    forEachCall([](GuestCall const& call) {
+        if (kIsSanitized) {
+            GTEST_SKIP() << "the sanitizer makes frames larger than they are";
+        }
+        Lines const expected = transcriptOf(call);
+        Lines transcript;
+        auto const visit = [&] { transcript = transcriptOf(call); };
+        std::size_t const used = stackUsedBy(visit);
+        RecordProperty("stack", static_cast<int>(used));
+        ASSERT_LT(used, kSmallStack - kGuard);
+        EXPECT_GT(used, 1000U) << "the measure sees something";
+        transcript.clear();
+        pthread_attr_t attributes;
+        ASSERT_EQ(::pthread_attr_init(&attributes), 0);
+        ASSERT_EQ(::pthread_attr_setstacksize(&attributes, kSmallStack), 0);
+        runInThread(attributes, visit);
+        ::pthread_attr_destroy(&attributes);
+        EXPECT_EQ(transcript, expected);
+    });
 }
-
-INSTANTIATE_TEST_SUITE_P(Calls, SmallStack, testing::ValuesIn(guestCalls()), nameOf);
 
 TEST(MannersOfTheVolumeReader, ADescriptorOfTheHostOnTheSameFileIsLeftAlone) {
     TempDirectory const directory;
