@@ -187,7 +187,7 @@ MapTotals VolumeMap::walk(RunSink const& sink, Progress const& progress) {
         totals.warnings.push_back(volume_.path() + ": " + *geometry().notBelieved + "; every unit counts as used");
     }
     checkSize(totals);
-    walkParser(runs, totals, progress);
+    bool const isWhole = walkParser(runs, totals, progress);
     runs.finish();
     believed.finish();
     corrected.finish();
@@ -199,7 +199,7 @@ MapTotals VolumeMap::walk(RunSink const& sink, Progress const& progress) {
                                   " free, which holds the file system's own structures; those count as used, and the "
                                   "rest of the map is not to be trusted");
     }
-    if (audit.fault()) {
+    if (isWhole && audit.fault()) {
         totals.isDoubtful = true;
         bool const isGroup = answerer_.freeCounts.areOfGroups;
         totals.warnings.push_back(volume_.path() + ": the map has " + std::to_string(audit.fault()->inMap) +
@@ -235,13 +235,13 @@ std::uint64_t VolumeMap::nextChunk(std::uint64_t unit, std::vector<char>& chunk)
     }
 }
 
-void VolumeMap::walkParser(RunBuilder& runs, MapTotals& totals, Progress const& progress) {
+bool VolumeMap::walkParser(RunBuilder& runs, MapTotals& totals, Progress const& progress) {
     BitOrder const order = answerer_.provider->isMostSignificantBitFirst() ? BitOrder::MostSignificantFirst
                                                                            : BitOrder::LeastSignificantFirst;
     std::uint64_t const units = geometry().units;
     if (geometry().notBelieved) {
         runs.addRun(units, true);
-        return;
+        return true;
     }
     std::uint64_t const wholeMap = (units + 7) / 8;
     std::vector<char> chunk(std::min(wholeMap, geometry().chunkBytes));
@@ -251,7 +251,7 @@ void VolumeMap::walkParser(RunBuilder& runs, MapTotals& totals, Progress const& 
             totals.warnings.push_back(volume_.path() + ": the map ends at unit " + std::to_string(runs.units()) +
                                       " of " + std::to_string(units) + "; the rest counts as used");
             runs.addRun(units - runs.units(), true);
-            return;
+            return false;
         }
         std::uint64_t const known = std::min(count, units - runs.units());
         runs.addBits({reinterpret_cast<std::uint8_t const*>(chunk.data()), chunk.size()}, known, order);
@@ -259,6 +259,7 @@ void VolumeMap::walkParser(RunBuilder& runs, MapTotals& totals, Progress const& 
             progress(runs.units());
         }
     }
+    return true;
 }
 
 } // namespace imaging

@@ -69,7 +69,8 @@ private:
     std::vector<ByteRange> mustBeUsed() const;
     std::uint64_t endOfUnits() const { return geometry().start + geometry().units * geometry().unitSize; }
     std::uint64_t nextChunk(std::uint64_t unit, std::vector<char>& chunk);
-    void walkParser(RunBuilder& runs, MapTotals& totals, Progress const& progress);
+    /// False when the map ends before the units do.
+    bool walkParser(RunBuilder& runs, MapTotals& totals, Progress const& progress);
     void checkSize(MapTotals& totals) const;
 
     Volume& volume_;

@@ -70,12 +70,12 @@ TEST(CommandMap, TheCharacterTellsTheShare) {
     TempDirectory const directory;
     ExtBuilder builder = makeSoundExtVolume(ExtGeometry::with4KiBBlocks(1000));
     for (std::uint64_t cell = 0; cell < 10; ++cell) {
-        std::array<std::uint64_t, 10> const used{0, 1, 33, 34, 50, 66, 67, 99, 100, 0};
+        std::array<std::uint64_t, 10> const used{3, 1, 33, 34, 50, 66, 67, 99, 100, 0};
         builder.setUsedFrom(cell * 100, used.at(cell));
     }
     std::string const path = writeExtVolume(directory.file("volume"), builder);
     CommandResult const result = fsparser({"map", "--width", "10", "--height", "1", path});
-    EXPECT_THAT(pictureOf(result.output), ElementsAre(".--+++%%#."));
+    EXPECT_THAT(pictureOf(result.output), ElementsAre("---+++%%#."));
 }
 
 TEST(CommandMap, AVolumeOfFewUnitsHasACellAUnit) {
