@@ -73,6 +73,7 @@ public:
     ///       MFTBytesPerRecord: 0x" and the number in hexadecimal, likewise
     ///     - what read_mft_record_throw() and the checks of a record throw, of records 0 and 1
     /// @throws std::invalid_argument  the alignment is no power of two
+    /// @throws std::bad_alloc  an attribute list of record 0 claims a negative size
     NTFSParser(agent::info::Logger& logger, unsigned int alignment, agent::core::IVolumeReader const& volume);
 
     /// As above, with the path cache's capacity from the key "ntfsparser.cache.capacity" (1000 where it is missing).
@@ -126,6 +127,7 @@ public:
     /// @return as above
     /// @throws std::runtime_error  a component does not exist, or a record is damaged; the texts are those of
     ///     btree_lookup()
+    /// @throws std::invalid_argument  "Upcase file is not read." when $UpCase has no data
     std::vector<agent::BlockRange> extents(std::string const& path);
 
     /// The MFT record number behind a path; 5, the root directory, for an empty path. Does not load the upcase table
