@@ -35,8 +35,12 @@ protected:
             EXPECT_GT(answer.size(), std::string("threw runtime_error: ").size() * (answer.starts_with("threw r")));
         } else if (isMap) {
             // What a map's own bytes say cannot be told from the truth; how many units they are for can. An HFS+ tree
-            // that tells of no extents gives an end before the end.
-            EXPECT_THAT(shapeOf(answer), testing::AnyOf(shapeOf(right), "0"));
+            // that tells of fewer extents gives an end before the end.
+            if (operation.name.starts_with("Hfs")) {
+                EXPECT_LE(std::stoll(shapeOf(answer)), std::stoll(shapeOf(right))) << answer;
+            } else {
+                EXPECT_EQ(shapeOf(answer), shapeOf(right));
+            }
         }
         EXPECT_EQ(answerOf(question), right) << "the third reading is sound";
         return faulty.fired;

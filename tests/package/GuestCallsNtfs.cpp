@@ -30,10 +30,12 @@ std::string textOf(std::vector<NTFS_ACL> const& lists) {
 
 /// What can be asked of a file's path.
 std::string askPath(NTFSParser& parser, std::string const& path) {
-    return answerTo([&] { return std::to_string(parser.convert_to_inode(path)); }) + "; " +
-           answerTo([&] { return textOf(parser.extents(path)); }) + "; " +
-           answerTo([&] { return std::to_string(parser.getStandardInfo(path).security_id.value()); }) + "; " +
-           answerTo([&] { return textOf(parser.readACLFromFile(path)); });
+    // The extents first: this question loads the table that names are compared by.
+    std::string const extents = answerTo([&] { return textOf(parser.extents(path)); });
+    std::string answer = answerTo([&] { return std::to_string(parser.convert_to_inode(path)); });
+    answer += "; " + extents;
+    answer += "; " + answerTo([&] { return std::to_string(parser.getStandardInfo(path).security_id.value()); });
+    return answer + "; " + answerTo([&] { return textOf(parser.readACLFromFile(path)); });
 }
 
 std::string askNtfs(Logger& logger, IVolumeReader const& volume) {
