@@ -153,7 +153,7 @@ TEST_P(LibraryHardening, EveryExportedFunctionMayBeBranchedTo) {
 #if !defined(__x86_64__)
     GTEST_SKIP() << "only x86-64 has the instruction";
 #endif
-    if (kIsSanitized) {
+    if (tests::kIsSanitized) {
         GTEST_SKIP() << "the sanitizer's own marks stand where functions begin";
     }
     constexpr std::array<unsigned char, 4> kEndBranch{0xF3, 0x0F, 0x1E, 0xFA};
