@@ -4,6 +4,7 @@
 #include "imaging/LoadInteger.h"
 
 #include <algorithm>
+#include <array>
 
 namespace imaging::xfs {
 
@@ -16,7 +17,7 @@ constexpr std::uint64_t kHeaderBytes = 64;
 constexpr std::size_t kNumber = 8;
 constexpr std::size_t kLength = 12;
 constexpr std::size_t kTreeRoot = 16;
-constexpr std::size_t kOtherRoots[] = {20, 24}; // by length; of owners, or 0
+constexpr std::array<std::size_t, 2> kOtherRoots{20, 24}; // by length; of owners, or 0
 constexpr std::size_t kListFirst = 40;
 constexpr std::size_t kListLast = 44;
 constexpr std::size_t kListCount = 48;
