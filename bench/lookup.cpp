@@ -103,7 +103,8 @@ void run(std::vector<std::string> const& arguments) {
         throw std::runtime_error(volumePath + ": cannot be opened");
     }
     if (arguments.at(4) == "cached") {
-        imaging::CachingReader const cache(device, kPages);
+        imaging::ReasonLogger reasons(logger);
+        imaging::CachingReader const cache(reasons, device, kPages);
         measureParser(logger, cache, paths, isAcl, rounds);
     } else {
         measureParser(logger, device, paths, isAcl, rounds);

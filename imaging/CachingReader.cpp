@@ -14,8 +14,8 @@ constexpr std::size_t kAddressAlignment = 4096;
 
 } // namespace
 
-CachingReader::CachingReader(agent::core::IVolumeReader const& inner, std::size_t pages)
-    : inner_(inner), capacity_(pages) {}
+CachingReader::CachingReader(ReasonLogger& logger, agent::core::IVolumeReader const& inner, std::size_t pages)
+    : logger_(logger), inner_(inner), capacity_(pages) {}
 
 /// A new page while there may be more, else the one that was used longest ago.
 CachingReader::Page CachingReader::takePage() const {
@@ -56,12 +56,14 @@ long CachingReader::read(void* buffer, long length) const {
         return readAround(buffer, length);
     }
     std::uint64_t const start = position_;
+    std::size_t const errors = logger_.count();
     std::uint64_t done = 0;
     while (done < wanted) {
         std::uint64_t const within = position_ % kPageBytes;
         Page const* const page = find(position_ / kPageBytes);
         if (page == nullptr) {
             position_ = start; // what was asked for may be readable all the same
+            logger_.forgetSince(errors);
             return readAround(buffer, length);
         }
         std::uint64_t const there = page->size - std::min(page->size, within);

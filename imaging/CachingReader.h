@@ -3,6 +3,7 @@
 
 #include "agent/AlignedAllocator.h"
 #include "agent/core/IVolumeReader.h"
+#include "imaging/ReasonLogger.h"
 
 #include <cstdint>
 #include <list>
@@ -23,9 +24,10 @@ public:
     /// Longer reads pass by: they are not asked for again, and would be copied once more than needed.
     static constexpr std::uint64_t kLongestKept = std::uint64_t{16} * 1024;
 
-    /// @param inner  not owned; must outlive this reader; takes reads of any length anywhere
-    /// @param pages  how many are kept, at least 1
-    CachingReader(agent::core::IVolumeReader const& inner, std::size_t pages);
+    /// @param logger  forgets the reason of a failed page when what was asked for could be read; outlives this reader
+    /// @param inner   not owned; must outlive this reader; takes reads of any length anywhere
+    /// @param pages   how many are kept, at least 1
+    CachingReader(ReasonLogger& logger, agent::core::IVolumeReader const& inner, std::size_t pages);
 
     long read(void* buffer, long length) const override;
     /// Takes SEEK_SET only.
@@ -46,6 +48,7 @@ private:
     Page const* find(std::uint64_t number) const;
     long readAround(void* buffer, long length) const;
 
+    ReasonLogger& logger_;
     agent::core::IVolumeReader const& inner_;
     std::size_t capacity_;
     mutable std::list<Page> pages_; // the last used first

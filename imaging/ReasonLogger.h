@@ -3,6 +3,7 @@
 
 #include "agent/info/Logger.h"
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,12 @@ public:
 
     /// The errors since the last call, joined by "; ", or `otherwise` when there were none. Forgets them.
     std::string takeReason(std::string const& otherwise);
+
+    /// How many errors there are since the last call of takeReason().
+    std::size_t count() const { return errors_.size(); }
+
+    /// Forgets the errors beyond the first `count`: what they told of has come right after all.
+    void forgetSince(std::size_t count) { errors_.resize(std::min(count, errors_.size())); }
 
 private:
     agent::info::Logger& outer_;

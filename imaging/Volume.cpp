@@ -39,13 +39,16 @@ void Volume::open() {
                           path_ + ": cannot be opened: " + agent::PosixError::strerror(device_->getLastError()));
     }
     size_ = static_cast<std::uint64_t>(device_->size());
-    isReadDirectly_ = usesDirectIo(device_->getHandle());
     std::uint64_t const needed = directIoAlignment(device_->getHandle());
     if (alignment_ == 0) {
         alignment_ = needed;
     }
     aligning_.emplace(*device_, needed);
-    agent::core::IVolumeReader const* inner = &cache_.emplace(*aligning_, kCachedPages);
+    agent::core::IVolumeReader const* inner = &*aligning_;
+    if (usesDirectIo(device_->getHandle())) {
+        inner = &ahead_.emplace(logger_, *aligning_);
+    }
+    inner = &cache_.emplace(logger_, *inner, kCachedPages);
     if (place_.start != 0 || place_.size) {
         std::uint64_t const rest = size_ - std::min(size_, place_.start);
         size_ = std::min(rest, place_.size.value_or(rest));
@@ -63,6 +66,13 @@ void Volume::detect() {
     code_ = detectFileSystem(logger_, *strict_, alignment_, size_);
     // What a test found wrong with bytes that another one recognised is no reason for anything later.
     refusal_ = logger_.takeReason("");
+}
+
+void Volume::forgetReads() {
+    cache_->forget();
+    if (ahead_) {
+        ahead_->forget();
+    }
 }
 
 std::vector<std::uint8_t> Volume::readBytes(std::uint64_t offset, std::uint64_t length) {

@@ -7,6 +7,7 @@
 #include "imaging/BudgetReader.h"
 #include "imaging/CachingReader.h"
 #include "imaging/Error.h"
+#include "imaging/ReadAheadReader.h"
 #include "imaging/ReasonLogger.h"
 #include "imaging/SliceReader.h"
 #include "imaging/StrictReader.h"
@@ -55,9 +56,6 @@ public:
     /// Bytes, the granularity in which the library is asked to read.
     std::uint64_t alignment() const { return alignment_; }
 
-    /// Whether reads pass by the system's page cache.
-    bool isReadDirectly() const { return isReadDirectly_; }
-
     /// What the library's detector found.
     agent::core::fs::FileSystemCode fileSystem() const { return code_; }
 
@@ -68,7 +66,7 @@ public:
     StrictReader& reader() { return *strict_; }
 
     /// Drops what was kept of earlier reads, so that a change of the volume is seen.
-    void forgetReads() { cache_->forget(); }
+    void forgetReads();
 
     /// The logger that parsers are given.
     ReasonLogger& logger() { return logger_; }
@@ -90,9 +88,9 @@ private:
     ReasonLogger logger_;
     std::uint64_t alignment_;
     std::uint64_t size_ = 0;
-    bool isReadDirectly_ = false;
     std::optional<agent::core::backup::VolumeReader> device_;
     std::optional<AligningReader> aligning_;
+    std::optional<ReadAheadReader> ahead_; // where reads pass by the system's page cache
     std::optional<CachingReader> cache_;
     std::optional<SliceReader> slice_; // when the place is not the whole disk
     Budget limits_;

@@ -10,7 +10,7 @@ namespace imaging::ext {
 namespace {
 
 /// Bytes of descriptors looked at together.
-constexpr std::uint64_t kPieceBytes = std::uint64_t{1} << 20;
+constexpr std::uint64_t kPieceBytes = std::uint64_t{64} << 10;
 
 constexpr std::size_t kFlags = 0x12;
 constexpr std::uint64_t kBitmapUninitialised = 0x02;
@@ -35,7 +35,7 @@ std::optional<std::string> findMisplacedBitmap(DescriptorTable const& table, std
                "the parser would take the group for free";
     }
     std::uint64_t const location = descriptor.blockBitmap();
-    if (location > table.firstDataBlock && location < table.blocks) {
+    if (location >= table.endBlock() && location < table.blocks) {
         return std::nullopt;
     }
     return "the descriptor of group " + std::to_string(group) + " puts its block bitmap at block " +

@@ -23,6 +23,12 @@ struct DescriptorTable {
     std::uint64_t blocks;
     std::uint64_t groupBlocks; ///< blocks in a group; the last may be short
     bool mayBeUninitialised;   ///< the volume has the feature under which a bitmap need not be initialised
+
+    /// The block behind the table; before it, only superblock and table lie.
+    std::uint64_t endBlock() const {
+        std::uint64_t const blockSize = offset / (firstDataBlock + 1);
+        return (offset + groups * descriptorSize + blockSize - 1) / blockSize;
+    }
 };
 
 /// One group's descriptor; refers to bytes that live as long as the call that hands it out.

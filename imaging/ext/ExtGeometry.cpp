@@ -8,11 +8,11 @@
 #include "imaging/ext/ExtDescriptors.h"
 #include "imaging/ext/ExtFacts.h"
 #include "imaging/ext/ExtKept.h"
+#include "imaging/ext/GroupWindow.h"
 
 #include <algorithm>
 #include <array>
 #include <bit>
-#include <cmath>
 #include <string>
 
 namespace imaging::ext {
@@ -22,10 +22,8 @@ namespace {
 /// The format goes up to 64 KiB blocks (log 6).
 constexpr std::uint32_t kLargestLogBlockSize = 6;
 
-/// The parser reads the descriptor table at each call. Chunks of the root of map times table make a fixed number of
-/// calls of it, so that the whole grows with the volume and no faster; they lie between these bounds.
-constexpr std::uint64_t kShortestChunk = std::uint64_t{1} << 20;
-constexpr std::uint64_t kLongestChunk = std::uint64_t{32} << 20;
+/// Short, so that a chunk stays in the processor's caches.
+constexpr std::uint64_t kChunkBytes = std::uint64_t{128} << 10;
 
 /// The incompatible features under which the block bitmaps keep their place and their meaning: compression, filetype,
 /// recover, extents, 64bit, mmp, flex_bg, ea_inode, dirdata, csum_seed, largedir, inline_data, encrypt, casefold.
@@ -115,23 +113,12 @@ std::optional<std::string> uncleanReason(Facts const& facts) {
     return std::nullopt;
 }
 
-std::uint64_t chunkBytes(Facts const& facts) {
-    if (facts.blocksPerGroup == 0) {
-        return kShortestChunk; // the parser refuses such a volume at once
-    }
-    double const groups = static_cast<double>(facts.blocks) / facts.blocksPerGroup + 1;
-    double const table = groups * facts.descriptorSize;
-    double const map = static_cast<double>(facts.blocks) / 8;
-    double const root = std::min(std::sqrt(map * table), static_cast<double>(kLongestChunk));
-    return std::max(static_cast<std::uint64_t>(root), kShortestChunk);
-}
-
 Geometry makeGeometry(Facts const& facts) {
     Geometry geometry;
     geometry.unitSize = facts.blockSize();
     geometry.units = facts.blocks;
     geometry.bytes = geometry.units * geometry.unitSize;
-    geometry.chunkBytes = chunkBytes(facts);
+    geometry.chunkBytes = kChunkBytes;
     geometry.notBelieved = findLimit(facts);
     return geometry;
 }
@@ -176,7 +163,13 @@ Answerer open(Volume& volume) {
     if (geometry.notBelieved) {
         return allUsed(std::move(geometry), volume.size());
     }
-    Answerer answerer{std::move(geometry), nullptr, makeParser<agent::core::fs::EXTParser>(volume)};
+    std::unique_ptr<agent::core::fs::IBlockBitmapChunkProvider> map;
+    if (facts.blocksPerGroup != 0) {
+        map = std::make_unique<GroupWindow>(volume, tableOf(facts));
+    } else {
+        map = makeParser<agent::core::fs::EXTParser>(volume); // it refuses such a volume
+    }
+    Answerer answerer{std::move(geometry), nullptr, std::move(map)};
     answerer.alwaysKept = [&volume] { return alwaysKept(volume); };
     answerer.mustBeUsed = [&volume] { return mustBeUsed(volume); };
     if (!uncleanReason(facts)) {

@@ -59,13 +59,26 @@ public:
     void addBlocks(std::uint64_t first, std::uint64_t count) {
         if (first < facts_.blocks) {
             std::uint64_t const end = first + std::min(count, facts_.blocks - first);
-            ranges_.push_back({first * facts_.blockSize(), end * facts_.blockSize()});
+            add({first * facts_.blockSize(), end * facts_.blockSize()});
         }
     }
 
     std::vector<ByteRange> take() { return normalized(std::move(ranges_), facts_.blocks * facts_.blockSize()); }
 
 private:
+    /// Bitmaps and tables of groups that follow one another often do so too: most ranges go on one of the last.
+    void add(ByteRange const& range) {
+        constexpr std::size_t kLooked = 4;
+        std::size_t const first = ranges_.size() - std::min(ranges_.size(), kLooked);
+        for (std::size_t i = first; i < ranges_.size(); ++i) {
+            if (ranges_[i].end == range.begin) {
+                ranges_[i].end = range.end;
+                return;
+            }
+        }
+        ranges_.push_back(range);
+    }
+
     std::uint64_t blocksFor(std::uint64_t bytes) const { return (bytes + facts_.blockSize() - 1) / facts_.blockSize(); }
 
     Facts const& facts_;

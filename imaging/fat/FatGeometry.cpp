@@ -22,7 +22,7 @@ constexpr std::uint64_t kMostSectorsPerFat = 0xFFFF;
 constexpr std::uint64_t kMostClusters = 0x0FFFFFF7 - 2;
 
 /// Room for the units that are asked for together.
-constexpr std::uint64_t kChunkBytes = std::uint64_t{128} << 10;
+constexpr std::uint64_t kChunkBytes = std::uint64_t{2} << 10;
 
 constexpr std::uint64_t kFirstCluster = 2;
 constexpr std::uint64_t kEntryBytes = 4;
@@ -30,7 +30,7 @@ constexpr std::uint64_t kEntryMask = 0x0FFFFFFF;
 constexpr std::uint64_t kBadCluster = 0x0FFFFFF7;
 
 /// Bytes of two tables compared at once.
-constexpr std::uint64_t kComparedBytes = std::uint64_t{1} << 20;
+constexpr std::uint64_t kComparedBytes = std::uint64_t{64} << 10;
 
 /// What a boot sector has at its end and where its kind stands.
 constexpr std::size_t kSignature = 0x1FE;

@@ -19,10 +19,10 @@ namespace {
 
 using Reason = std::optional<std::string>;
 
-/// The parser reads the overflow tree, where it needs it, again at each chunk; long chunks make that cheap. Without it,
-/// and from the page cache, short chunks stay in the processor's.
-constexpr std::uint64_t kChunkBytes = std::uint64_t{8} << 20;
-constexpr std::uint64_t kCachedChunkBytes = std::uint64_t{64} << 10;
+/// Short, so that a chunk stays in the processor's caches. Where the parser needs the overflow tree, it reads it again
+/// for each chunk, which long ones make cheap.
+constexpr std::uint64_t kChunkBytes = std::uint64_t{64} << 10;
+constexpr std::uint64_t kTreeChunkBytes = std::uint64_t{8} << 20;
 
 constexpr std::uint64_t kSmallestBlock = 512;
 
@@ -173,7 +173,7 @@ Answerer open(Volume& volume) {
     geometry.units = header.blocks;
     geometry.bytes = geometry.units * geometry.unitSize;
     bool const needsTree = header.allocation.blocks > header.allocation.blocksInHeader();
-    geometry.chunkBytes = needsTree || volume.isReadDirectly() ? kChunkBytes : kCachedChunkBytes;
+    geometry.chunkBytes = needsTree ? kTreeChunkBytes : kChunkBytes;
     auto reader = std::make_shared<Presentation const>(volume, place, bytes);
     auto parser = makeParserOn<agent::core::fs::HFSParser>(volume, *reader, kHeaderBytes);
     geometry.notBelieved = findOddHeader(header);

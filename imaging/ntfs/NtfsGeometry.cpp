@@ -11,10 +11,9 @@ namespace imaging::ntfs {
 
 namespace {
 
-/// A chunk asks for a few records again, which long chunks make cheap; so does the page cache, and where it holds the
-/// volume, short chunks stay in the processor's.
-constexpr std::uint64_t kChunkBytes = std::uint64_t{4} << 20;
-constexpr std::uint64_t kCachedChunkBytes = std::uint64_t{64} << 10;
+/// Short, so that a chunk stays in the processor's caches; the few records that the parser reads again for each come
+/// from the page cache.
+constexpr std::uint64_t kChunkBytes = std::uint64_t{64} << 10;
 
 constexpr unsigned long kMftRecord = 0;
 constexpr unsigned long kMirrorRecord = 1;
@@ -213,7 +212,7 @@ Geometry readGeometry(Volume& volume, Boot const& boot) {
     geometry.unitSize = boot.clusterSize();
     geometry.units = boot.totalSectors / boot.sectorsPerCluster;
     geometry.bytes = geometry.units * geometry.unitSize;
-    geometry.chunkBytes = volume.isReadDirectly() ? kChunkBytes : kCachedChunkBytes;
+    geometry.chunkBytes = kChunkBytes;
     if (geometry.units == 0 || geometry.units > (std::uint64_t{1} << 63) / geometry.unitSize - 1) {
         throw VolumeError(Trouble::NotUnderstood, volume.path() +
                                                       ": the NTFS boot sector at byte 0 describes no volume: it has " +

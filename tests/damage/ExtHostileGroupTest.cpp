@@ -29,7 +29,7 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(HostileField{"AtBlock0", 0, 0, 4, End::AllUsed, "puts its block bitmap at block 0"},
                     HostileField{"AtTheEnd", 0, 100000, 4, End::AllUsed, "puts its block bitmap at block 100000"},
                     HostileField{"AtAllOnes", 0, 0xFFFFFFFF, 4, End::AllUsed, "at block 4294967295"},
-                    HostileField{"InTheDescriptors", 0, 1, 4, End::Doubted, "in group 1"},
+                    HostileField{"InTheDescriptors", 0, 1, 4, End::AllUsed, "puts its block bitmap at block 1"},
                     HostileField{"OfAnotherGroup", 0, 2, 4, End::Doubted, "in group 1"},
                     HostileField{"InAnInodeBitmap", 0, 7, 4, End::Doubted, "in group 1"},
                     HostileField{"InItsInodeTable", 0, 42, 4, End::Doubted, "in group 1"},

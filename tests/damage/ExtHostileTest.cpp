@@ -44,7 +44,7 @@ INSTANTIATE_TEST_SUITE_P(
         HostileField{"OneGroupMore", at(ext_super::kBlocksCountLow), 131073, 4, End::AllUsed,
                      "the descriptor of group 4 puts its block bitmap at block 0"},
         HostileField{"BlocksOfAllOnes", at(ext_super::kBlocksCountLow), 0xFFFFFFFF, 4, End::AllUsed,
-                     "the descriptor of group 4 puts its block bitmap at block 0"},
+                     "the descriptor of group 0 puts its block bitmap at block 2"},
         HostileField{"HighBlocksWithout64Bit", at(ext_super::kBlocksCountHigh), 0xFFFFFFFF, 4, End::Right},
         HostileField{"FirstDataBlockOf1", at(ext_super::kFirstDataBlock), 1, 4, End::AllUsed,
                      "s_first_data_block is 1"},

@@ -65,7 +65,7 @@ protected:
                 size / 3, size / 2, size / 4 * 3, size - 65536, size - 4096, size - 1024, size - 512, size - 1};
     }
 
-    CopyVolume const& volume = copyVolumes().at(GetParam());
+    CopyVolume const& volume = copyVolume(GetParam());
     TempDirectory directory{TempDirectory::Place::Memory};
     std::string path = directory.file("volume");
     std::string copyPath = directory.file("copy");
@@ -115,7 +115,7 @@ TEST_P(TruncatedVolume, IsSoundWhenNothingIsMissing) {
     EXPECT_EQ(ending.used, volume.used);
 }
 
-INSTANTIATE_TEST_SUITE_P(Volumes, TruncatedVolume, testing::Range(std::size_t{0}, copyVolumes().size()),
-                         [](auto const& instance) { return copyVolumes().at(instance.param).name; });
+INSTANTIATE_TEST_SUITE_P(Volumes, TruncatedVolume, testing::Range(std::size_t{0}, copyVolumeNames().size()),
+                         [](auto const& instance) { return copyVolumeNames().at(instance.param); });
 
 } // namespace

@@ -23,27 +23,9 @@ std::string callFaultName(CallFault fault) {
     return names.at(fault);
 }
 
-constexpr std::uint64_t kAnySize = UINT64_MAX;
-constexpr std::uint64_t kSmall = std::uint64_t{3} << 20; // what is copied again and again
-
-std::vector<std::string> volumeNames(std::uint64_t most) {
-    std::vector<std::string> names;
-    for (CopyVolume const& volume : copyVolumes()) {
-        if (volume.bytes.size() <= most) {
-            names.push_back(volume.name);
-        }
-    }
-    return names;
-}
-
-CopyVolume const& volumeOf(std::string const& name) {
-    return *std::find_if(copyVolumes().begin(), copyVolumes().end(),
-                         [&name](CopyVolume const& volume) { return volume.name == name; });
-}
-
 class CopyUnchanged : public testing::TestWithParam<std::string> {
 protected:
-    CopyBench const bench{volumeOf(GetParam())};
+    CopyBench const bench{copyVolume(GetParam())};
 };
 
 TEST_P(CopyUnchanged, VolumeIsCopiedRightlyAndWithoutItsFreeSpace) {
@@ -55,7 +37,7 @@ TEST_P(CopyUnchanged, VolumeIsCopiedRightlyAndWithoutItsFreeSpace) {
     EXPECT_TRUE(bench.verify(bench.copyPath).isEqual);
 }
 
-INSTANTIATE_TEST_SUITE_P(Volumes, CopyUnchanged, testing::ValuesIn(volumeNames(kAnySize)),
+INSTANTIATE_TEST_SUITE_P(Volumes, CopyUnchanged, testing::ValuesIn(copyVolumeNames()),
                          [](auto const& instance) { return instance.param; });
 
 class CopyFaults : public testing::TestWithParam<std::tuple<std::string, CallFault>> {
@@ -81,7 +63,7 @@ protected:
         }
     }
 
-    CopyBench const bench{volumeOf(std::get<0>(GetParam()))};
+    CopyBench const bench{copyVolume(std::get<0>(GetParam()))};
     CallFault const fault = std::get<1>(GetParam());
 };
 
@@ -114,7 +96,7 @@ TEST_P(CopyFaults, GiveNoDigestOrTheRightOne) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Volumes, CopyFaults,
-                         testing::Combine(testing::ValuesIn(volumeNames(kSmall)),
+                         testing::Combine(testing::ValuesIn(smallCopyVolumeNames()),
                                           testing::Values(CallFault::SeekFails, CallFault::ReadFails,
                                                           CallFault::EveryReadFails, CallFault::ReadShort)),
                          [](auto const& instance) {
@@ -151,7 +133,7 @@ protected:
         }
     }
 
-    CopyBench const bench{volumeOf(GetParam())};
+    CopyBench const bench{copyVolume(GetParam())};
 };
 
 TEST_P(CopyWithoutMemory, LeavesNoFileOrARightOne) {
@@ -179,7 +161,7 @@ TEST_P(CopyWithoutMemory, GivesNoVerdictOrTheRightOne) {
             [&](TaskEnd const& end) { EXPECT_EQ(end.isEqual, end.error.empty()); });
 }
 
-INSTANTIATE_TEST_SUITE_P(Volumes, CopyWithoutMemory, testing::ValuesIn(volumeNames(kSmall)),
+INSTANTIATE_TEST_SUITE_P(Volumes, CopyWithoutMemory, testing::ValuesIn(smallCopyVolumeNames()),
                          [](auto const& instance) { return instance.param; });
 
 } // namespace

@@ -45,7 +45,7 @@ protected:
 };
 
 TEST_P(ExampleAgent, PrintsTheUsedRunsOfTheVolume) {
-    CopyVolume const& volume = tests::copyVolumes().at(GetParam());
+    CopyVolume const& volume = tests::copyVolume(GetParam());
     std::string const path = tests::writeFile(directory_.file("volume"), volume.bytes);
     CommandResult const result = runAgent({path});
     ASSERT_TRUE(result.succeeded()) << result;
@@ -56,8 +56,8 @@ TEST_P(ExampleAgent, PrintsTheUsedRunsOfTheVolume) {
         << result.error;
 }
 
-INSTANTIATE_TEST_SUITE_P(EveryFileSystem, ExampleAgent, testing::Range(std::size_t{0}, tests::copyVolumes().size()),
-                         [](auto const& instance) { return tests::copyVolumes().at(instance.param).name; });
+INSTANTIATE_TEST_SUITE_P(EveryFileSystem, ExampleAgent, testing::Range(std::size_t{0}, tests::copyVolumeNames().size()),
+                         [](auto const& instance) { return tests::copyVolumeNames().at(instance.param); });
 
 TEST(ExampleAgentAlone, TakesWhatItDoesNotUnderstandAsUsed) {
     TempDirectory const directory;

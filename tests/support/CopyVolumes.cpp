@@ -9,7 +9,11 @@
 #include "support/XfsBuilder.h"
 
 #include <algorithm>
+#include <array>
+#include <iterator>
+#include <optional>
 #include <random>
+#include <stdexcept>
 
 namespace tests {
 
@@ -40,14 +44,14 @@ CopyVolume makeExt(std::string const& name, ExtGeometry const& geometry) {
     return noisy(name, std::move(bytes), geometry.blockBytes(), builder.map(), 60);
 }
 
-CopyVolume makeFat() {
+CopyVolume makeFat(std::string const& name) {
     FatBuilder builder(FatGeometry::tiny());
     for (std::uint32_t cluster = 10; cluster < 190; cluster += 13) {
         builder.setEntry(cluster, cluster + 1).setEntry(cluster + 1, fat_entry::kEndOfChain);
     }
     auto bytes = builder.bytes;
     bytes.resize(FatGeometry::tiny().totalBytes());
-    return noisy("Fat", std::move(bytes), FatGeometry::tiny().clusterBytes(), builder.map(), 6);
+    return noisy(name, std::move(bytes), FatGeometry::tiny().clusterBytes(), builder.map(), 6);
 }
 
 CopyVolume makeHfs(std::string const& name, std::uint32_t fragments) {
@@ -80,7 +84,7 @@ CopyVolume makeNtfs(std::string const& name, NtfsGeometry const& geometry) {
     return volume;
 }
 
-CopyVolume makeXfs() {
+CopyVolume makeXfs(std::string const& name) {
     XfsGeometry geometry;
     geometry.totalBlocks = 1000;
     geometry.logStart = (1 << 9) + 400; // group 1; 512 is the first power of two from 500 on
@@ -88,30 +92,78 @@ CopyVolume makeXfs() {
     XfsBuilder builder(geometry);
     builder.plantTree(0, {{100, 50}, {210, 20}, {250, 7}, {280, 10}}, {2, 2, 4});
     builder.plantTree(1, {{20, 70}, {200, 190}});
-    CopyVolume volume = noisy("Xfs", builder.bytes, geometry.blockSize, builder.map(), 20);
+    CopyVolume volume = noisy(name, builder.bytes, geometry.blockSize, builder.map(), 20);
     std::fill_n(volume.bytes.begin() + 900 * 512, 50 * 512, std::uint8_t{0}); // a journal of nothing
     return volume;
 }
 
+CopyVolume makeExtGroups(std::string const& name) {
+    ExtGeometry geometry;
+    geometry.blocksCount = 9000; // two groups, the second one short
+    return makeExt(name, geometry);
+}
+
+CopyVolume makeNtfsPieces(std::string const& name) {
+    NtfsGeometry geometry = NtfsGeometry::withClusters(512);
+    geometry.clusters = 9000; // three clusters of bitmap
+    geometry.bitmapPieces = 2;
+    return makeNtfs(name, geometry);
+}
+
+struct Recipe {
+    char const* name;
+    bool isSmall; ///< at most 3 MiB
+    CopyVolume (*make)(std::string const& name);
+};
+
+constexpr std::array kRecipes{
+    Recipe{"Ext", true, [](std::string const& name) { return makeExt(name, ExtGeometry::with4KiBBlocks(700)); }},
+    Recipe{"ExtGroups", false, makeExtGroups},
+    Recipe{"Fat", true, makeFat},
+    Recipe{"Hfs", true, [](std::string const& name) { return makeHfs(name, 1); }},
+    Recipe{"HfsTree", false, [](std::string const& name) { return makeHfs(name, 9); }},
+    Recipe{"Ntfs", true, [](std::string const& name) { return makeNtfs(name, {}); }},
+    Recipe{"NtfsPieces", false, makeNtfsPieces},
+    Recipe{"Xfs", true, makeXfs},
+};
+
 } // namespace
 
-std::vector<CopyVolume> const& copyVolumes() {
-    static std::vector<CopyVolume> const volumes = [] {
-        ExtGeometry groups;
-        groups.blocksCount = 9000; // two groups, the second one short
-        NtfsGeometry pieces = NtfsGeometry::withClusters(512);
-        pieces.clusters = 9000; // three clusters of bitmap
-        pieces.bitmapPieces = 2;
-        return std::vector<CopyVolume>{makeExt("Ext", ExtGeometry::with4KiBBlocks(700)),
-                                       makeExt("ExtGroups", groups),
-                                       makeFat(),
-                                       makeHfs("Hfs", 1),
-                                       makeHfs("HfsTree", 9),
-                                       makeNtfs("Ntfs", {}),
-                                       makeNtfs("NtfsPieces", pieces),
-                                       makeXfs()};
+std::vector<std::string> const& copyVolumeNames() {
+    static std::vector<std::string> const names = [] {
+        std::vector<std::string> all;
+        std::transform(kRecipes.begin(), kRecipes.end(), std::back_inserter(all),
+                       [](Recipe const& recipe) { return recipe.name; });
+        return all;
     }();
-    return volumes;
+    return names;
+}
+
+std::vector<std::string> smallCopyVolumeNames() {
+    std::vector<std::string> names;
+    for (Recipe const& recipe : kRecipes) {
+        if (recipe.isSmall) {
+            names.emplace_back(recipe.name);
+        }
+    }
+    return names;
+}
+
+CopyVolume const& copyVolume(std::size_t number) {
+    static std::array<std::optional<CopyVolume>, kRecipes.size()> made;
+    if (!made.at(number)) {
+        Recipe const& recipe = kRecipes[number];
+        made[number] = recipe.make(recipe.name);
+        if (recipe.isSmall != (made[number]->bytes.size() <= std::size_t{3} << 20)) {
+            throw std::logic_error(made[number]->name + " is not of the size that its recipe says");
+        }
+    }
+    return *made[number];
+}
+
+CopyVolume const& copyVolume(std::string const& name) {
+    auto const& names = copyVolumeNames();
+    return copyVolume(static_cast<std::size_t>(std::find(names.begin(), names.end(), name) - names.begin()));
 }
 
 std::uint64_t firstLoss(CopyVolume const& volume, std::vector<std::uint8_t> const& copy) {

@@ -19,7 +19,6 @@ using testing::HasSubstr;
 using testing::StartsWith;
 
 constexpr std::uint64_t kReadOnlyCompatible = 0x64;
-constexpr std::uint32_t kMiB = 1048576;
 
 /// Three groups of 1 KiB blocks, with one thing changed.
 ExtBuilder changed(std::function<void(ExtBuilder&)> const& change) {
@@ -232,21 +231,6 @@ TEST(ImagingExtGeometry, ASuperblockThatIsCutOffIsRefused) {
                   "ends at byte " + std::to_string(size) + ", inside the ext superblock (bytes 1024 to 2047)");
     }
     EXPECT_EQ(geometryOf(changed([](ExtBuilder& b) { b.resize(2048); })).units, 20000U);
-}
-
-TEST(ImagingExtGeometry, AChunkIsTheRootOfMapTimesDescriptorTableBetweenBounds) {
-    EXPECT_EQ(geometryOf(makeSoundExtVolume()).chunkBytes, kMiB);
-    auto const chunkBytes = [](std::uint32_t blocks, std::uint32_t blocksPerGroup) {
-        return geometryOf(changed([=](ExtBuilder& b) {
-                   b.setSuper32(ext_super::kBlocksCountLow, blocks);
-                   setGroupSize(b, blocksPerGroup);
-               }))
-            .chunkBytes;
-    };
-    EXPECT_EQ(chunkBytes(8192 * 8192 - 1, 8192), 1483000U) << "8 MiB of map and 8193 descriptors of 32 bytes";
-    EXPECT_EQ(chunkBytes(0xFFFFFFFF, 8192), 32 * kMiB);
-    EXPECT_EQ(chunkBytes(0xFFFFFFFF, 1), 32 * kMiB);
-    EXPECT_EQ(chunkBytes(20001, 0), kMiB);
 }
 
 } // namespace

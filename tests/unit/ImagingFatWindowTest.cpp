@@ -75,7 +75,7 @@ TEST_F(ImagingFatWindow, PiecesOfAnyLengthGiveTheMapOfOneRequest) {
 }
 
 TEST_F(ImagingFatWindow, AMapOfMoreThanOneWindowIsWhole) {
-    // 1,200,000 units, a window has 1,048,576.
+    // 1,200,000 units, a window has 16,384.
     for (std::uint16_t const reserved : {std::uint16_t{32}, std::uint16_t{33}}) {
         FatBuilder builder({512, 2, reserved, 2, 9400, 2'400'000, 0});
         builder.fillAtRandom(9).setEntry(2, fat_entry::kEndOfChain);
