@@ -16,8 +16,8 @@ struct Budget {
     std::uint64_t bytes = std::uint64_t{1} << 56;
     std::chrono::seconds time = std::chrono::hours(24);
 
-    /// Bytes read from one place without a seek: what the library asks for at once and so holds in memory. The largest
-    /// table of a healthy volume takes half of it.
+    /// Bytes read from one place without a seek: what the library asks for at once and so holds in memory. The longest
+    /// piece of a healthy volume's map, 8 MiB of an allocation file of HFS+, takes an eighth of it.
     std::uint64_t atOnce = std::uint64_t{64} << 20;
 };
 

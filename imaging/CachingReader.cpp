@@ -31,6 +31,9 @@ CachingReader::Page CachingReader::takePage() const {
 }
 
 CachingReader::Page const* CachingReader::find(std::uint64_t number) const {
+    if (!pages_.empty() && pages_.front().number == number) {
+        return &pages_.front();
+    }
     if (auto const known = index_.find(number); known != index_.end()) {
         pages_.splice(pages_.begin(), pages_, known->second);
         return &pages_.front();

@@ -5,6 +5,7 @@
 #include "agent/core/IVolumeReader.h"
 #include "imaging/ReasonLogger.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <list>
 #include <string>
@@ -33,6 +34,9 @@ public:
     /// Takes SEEK_SET only.
     long seek(long offset, int whence) const override;
     std::string getVolumePath() const override;
+
+    /// From now on, keeps so many pages, at least as many as before.
+    void keepPages(std::size_t pages) { capacity_ = std::max(capacity_, pages); }
 
     /// Drops what is kept: whatever is asked for next is read anew.
     void forget() const;

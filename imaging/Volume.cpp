@@ -17,6 +17,9 @@ namespace {
 /// 8 MiB of what was read last.
 constexpr std::size_t kCachedPages = 128;
 
+/// 64 MiB: the records of tens of thousands of files, and the indexes that lead to them.
+constexpr std::size_t kPagesForFiles = 1024;
+
 } // namespace
 
 Volume::Volume(std::string const& path, std::uint64_t alignment, agent::info::Logger& logger, Place place,
@@ -66,6 +69,10 @@ void Volume::detect() {
     code_ = detectFileSystem(logger_, *strict_, alignment_, size_);
     // What a test found wrong with bytes that another one recognised is no reason for anything later.
     refusal_ = logger_.takeReason("");
+}
+
+void Volume::keepMoreReads() {
+    cache_->keepPages(kPagesForFiles);
 }
 
 void Volume::forgetReads() {

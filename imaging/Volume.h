@@ -65,6 +65,9 @@ public:
     /// The reader that parsers are given: it takes reads of any granularity, and bytes that are not there are an error.
     StrictReader& reader() { return *strict_; }
 
+    /// Keeps up to 64 MiB of what is read, in place of 8: for many questions about files, whose answers lie anywhere.
+    void keepMoreReads();
+
     /// Drops what was kept of earlier reads, so that a change of the volume is seen.
     void forgetReads();
 

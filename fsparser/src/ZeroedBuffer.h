@@ -16,7 +16,7 @@ public:
     /// @param alignment  bytes, a power of two
     /// @throws std::bad_alloc         the addresses cannot be had
     /// @throws std::invalid_argument  the alignment is no power of two and the size is not 0
-    explicit ZeroedBuffer(std::size_t size, std::size_t alignment = kCacheLine)
+    explicit ZeroedBuffer(std::size_t size, std::size_t alignment = kNatural)
         : memory_(size == 0 ? nullptr : static_cast<std::uint8_t*>(agent::allocateAligned(size, alignment))),
           size_(size), alignment_(alignment) {}
     ZeroedBuffer(ZeroedBuffer const&) = delete;
@@ -38,7 +38,7 @@ public:
     std::span<std::uint8_t const> bytes() const { return {memory_, size_}; }
 
 private:
-    static constexpr std::size_t kCacheLine = 64;
+    static constexpr std::size_t kNatural = __STDCPP_DEFAULT_NEW_ALIGNMENT__; // what the heap gives without effort
 
     std::uint8_t* memory_; // null when the size is 0
     std::size_t size_;

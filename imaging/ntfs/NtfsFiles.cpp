@@ -41,6 +41,7 @@ OpenProbe openParser(Volume& volume, std::optional<unsigned long> capacity) {
         throw VolumeError(Trouble::NotUnderstood, volume.path() + ": holds " + fileSystemName(volume.fileSystem()) +
                                                       "; files by path are answered for ntfs alone");
     }
+    volume.keepMoreReads();
     CacheConfig const config(capacity);
     auto opened = openProbe(volume, config);
     try {

@@ -34,6 +34,30 @@ std::uint64_t saturatedSum(std::uint64_t left, std::uint64_t right) {
     return sum < left ? std::numeric_limits<std::uint64_t>::max() : sum;
 }
 
+/// Record numbers that an attribute list named already. Most lists name a few, which need no table of their own.
+class SeenRecords {
+public:
+    explicit SeenRecords(unsigned long first) : few_{first} {}
+
+    /// @return whether the number is new
+    bool insert(unsigned long number) {
+        if (std::find(few_.begin(), few_.begin() + count_, number) != few_.begin() + count_) {
+            return false;
+        }
+        if (count_ < kFew) {
+            few_[static_cast<std::size_t>(count_++)] = number;
+            return true;
+        }
+        return many_.insert(number).second;
+    }
+
+private:
+    static constexpr std::ptrdiff_t kFew = 16;
+    std::array<unsigned long, kFew> few_{};
+    std::ptrdiff_t count_ = 1;
+    std::unordered_set<unsigned long> many_;
+};
+
 } // namespace
 
 NTFSParser::AttributeHits NTFSParser::get_attributes(unsigned long recordNumber, ntfs_mft_record_t* record,
@@ -180,7 +204,7 @@ NTFSParser::AttributeHits NTFSParser::traverse_attr_list(unsigned long baseRecor
 NTFSParser::AttributeHits NTFSParser::listHits(unsigned long baseRecord, NtfsAttrTypes type, unsigned long listLength,
                                                Bytes list) const {
     // Entries that point back into the base record are never followed: the direct walk finds its attributes.
-    std::unordered_set<unsigned long> seen{baseRecord};
+    SeenRecords seen(baseRecord);
     AttributeHits hits;
     std::uint32_t length = 0;
     for (std::uint64_t position = 0; position < listLength; position += length) {
@@ -207,7 +231,7 @@ NTFSParser::AttributeHits NTFSParser::listHits(unsigned long baseRecord, NtfsAtt
         Logger::Entry(logger, Level::Debug) << "Found attribute 0x" << std::hex << entryType << std::dec << " in inode "
                                             << holder << " for base inode " << baseRecord;
         bool const isNested = walks->lists.size() > 1;
-        if (!seen.insert(holder).second || (isNested && !walks->nestedHolders.insert(holder).second)) {
+        if (!seen.insert(holder) || (isNested && !walks->nestedHolders.insert(holder).second)) {
             Logger::Entry(logger, Level::Debug) << "Already seen inode " << holder << ", skipping.";
             continue;
         }
@@ -262,7 +286,7 @@ bool NTFSParser::hasName(Bytes attribute, std::wstring const& name) const {
     if (!holds(attribute, header->name_offset.value(), bytes)) {
         return false; // a name that is cut off is nobody's
     }
-    std::array<unsigned short, 255> own{};
+    std::array<unsigned short, 255> own; // what is looked at is copied next
     std::memcpy(own.data(), attribute.data() + header->name_offset.value(), bytes);
     // With case, unlike directory lookups; and the table's length in bytes, here as there. Both on purpose.
     return collate_unicode_names(name.data(), static_cast<unsigned>(name.size()), own.data(), header->name_length,

@@ -3,9 +3,10 @@
 #include "agent/core/fs/NTFSSecurity.h"
 #include "ntfs/BoundedSecurity.h"
 
+#include <algorithm>
+#include <array>
+#include <charconv>
 #include <limits>
-#include <locale>
-#include <sstream>
 #include <stdexcept>
 
 namespace agent::core::fs {
@@ -27,6 +28,9 @@ constexpr std::uint8_t kMostSubAuthorities = 15;
 /// Where an entry's trustee stands. Of object entries always behind two GUIDs, also when those are absent; on purpose.
 constexpr std::uint64_t kTrustee = 0x08;
 constexpr std::uint64_t kObjectTrustee = 0x34;
+
+/// Room is made for so many entries at once; a count on the disk may be anything.
+constexpr std::uint32_t kUsualEntries = 16;
 
 constexpr char const* kInvalidSid = "SID is invalid! Cannot convert to string.";
 
@@ -60,17 +64,30 @@ bool isSidHeaderValid(SidHeader const& sid) {
     return sid.revision == 1 && sid.subAuthorityCount <= kMostSubAuthorities;
 }
 
-void writeAuthority(std::ostream& text, _SID_IDENTIFIER_AUTHORITY const& authority) {
-    std::uint64_t number = 0;
-    for (std::uint8_t const byte : authority.value) {
-        number = (number << 8) | byte;
+/// The text of an identifier as it grows; the longest, of a 48-bit authority and 15 sub-authorities, fits.
+class SidText {
+public:
+    void add(char character) { *end_++ = character; }
+
+    void add(std::uint64_t number, int base = 10) {
+        end_ = std::to_chars(end_, text_.data() + text_.size(), number, base).ptr;
     }
-    if (first16(authority) == 0) {
-        text << number;
-    } else {
-        text << std::hex << number << std::dec; // lower case, without "0x", on purpose
+
+    void add(_SID_IDENTIFIER_AUTHORITY const& authority) {
+        std::uint64_t number = 0;
+        for (std::uint8_t const byte : authority.value) {
+            number = (number << 8) | byte;
+        }
+        add(number, first16(authority) == 0 ? 10 : 16); // lower case, without "0x", on purpose
     }
-}
+
+    std::string take() const { return std::string(text_.begin(), text_.begin() + (end_ - text_.data())); }
+
+private:
+    static constexpr std::size_t kLongest = 4 + 15 + kMostSubAuthorities * 11;
+    std::array<char, kLongest> text_{};
+    char* end_ = text_.data();
+};
 
 std::string sidText(std::span<std::uint8_t const> bytes) {
     auto const header = readAt<SidHeader>(bytes, 0);
@@ -80,18 +97,21 @@ std::string sidText(std::span<std::uint8_t const> bytes) {
     if (!isSidHeaderValid(*header)) {
         throw std::runtime_error(kInvalidSid);
     }
-    std::ostringstream text;
-    text.imbue(std::locale::classic());
-    text << "S-" << unsigned{header->revision} << '-';
-    writeAuthority(text, header->authority);
+    SidText text;
+    text.add('S');
+    text.add('-');
+    text.add(std::uint64_t{header->revision});
+    text.add('-');
+    text.add(header->authority);
     for (std::uint64_t i = 0; i < header->subAuthorityCount; ++i) {
         auto const subAuthority = readAt<le32>(bytes, sizeof(SidHeader) + i * sizeof(le32));
         if (!subAuthority) {
             throw std::runtime_error("SID is cut off!");
         }
-        text << '-' << subAuthority->value();
+        text.add('-');
+        text.add(std::uint64_t{subAuthority->value()});
     }
-    return text.str();
+    return text.take();
 }
 
 NTFS_ACE parseAce(std::span<std::uint8_t const> bytes, AceHeader const& header) {
@@ -143,6 +163,7 @@ std::vector<NTFS_ACE> parseAclBytes(std::span<std::uint8_t const> bytes) {
         throw std::runtime_error("ACL is cut off!");
     }
     std::vector<NTFS_ACE> entries;
+    entries.reserve(std::min<std::uint32_t>(acl->ace_count.value(), kUsualEntries));
     std::uint64_t place = sizeof(security_acl);
     for (std::uint32_t i = 0; i < acl->ace_count.value(); ++i) {
         auto const header = readAt<AceHeader>(bytes, place);

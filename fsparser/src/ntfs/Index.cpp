@@ -14,6 +14,7 @@
 #include <cstring>
 #include <limits>
 #include <stdexcept>
+#include <utility>
 
 namespace agent::core::fs {
 
@@ -178,13 +179,16 @@ ntfs_index_entry NTFSParser::descend(unsigned long parent, PreparedKey const& ke
     std::uint32_t const blockShift = cluster > blockBytes ? 9 : clusterShift;
 
     ZeroedBuffer block(blockBytes);
+    bool isUsed = false;
     while (true) {             // no limit on the depth and no look-out for a cycle, on purpose
         long firstVcn = child; // unscaled, also when it counts 512 bytes; on purpose
         ntfs_runlist const run = runlist_from_vcn(runs, firstVcn);
         std::uint64_t const position = shiftLeft(child, blockShift) -
                                        shiftLeft(static_cast<std::uint64_t>(firstVcn), clusterShift) +
                                        shiftLeft(static_cast<std::uint64_t>(run.lcn), clusterShift);
-        block.clear();
+        if (std::exchange(isUsed, true)) {
+            block.clear();
+        }
         unsigned long count = 0;
         if (fs_seek_read_aligned(logger, volume, blockSize, position, block.data(), blockBytes, &count) != 0) {
             throw std::runtime_error("Unable to read INDEX ENTRY");
@@ -290,7 +294,7 @@ int NTFSParser::collate_index_names(ntfs_index_entry** entry, std::string const&
 /// The entry holds its whole name: checkEntry() or the caller has made sure.
 int NTFSParser::collateNames(Bytes entry, std::wstring const& name) const {
     std::size_t const length = entry[kEntryNameLength];
-    std::array<unsigned short, 255> own{};
+    std::array<unsigned short, 255> own; // not cleared for each entry: what is looked at is copied next
     std::memcpy(own.data(), entry.data() + kEntryName, length * sizeof(unsigned short));
     // The table's length is a byte count, on purpose.
     return collate_unicode_names(name.data(), static_cast<unsigned>(name.size()), own.data(),

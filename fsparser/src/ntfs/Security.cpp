@@ -36,7 +36,7 @@ std::vector<NTFS_ACL> NTFSParser::readACLFromFile(std::string const& path) {
 }
 
 void NTFSParser::readSDS() {
-    if (sds != nullptr && sds->size() != 0) {
+    if (!sds.empty()) {
         return;
     }
     ZeroedBuffer record(mftRecordSize);
@@ -64,17 +64,17 @@ void NTFSParser::readSDS() {
     if (size > volumeBytes()) {
         throw std::runtime_error("Unable to read SDS entry"); // runs that overlap, or that the volume cannot hold
     }
-    sds = std::make_unique<ZeroedBuffer>(size);
+    sds.resize(size);
     // A failure leaves the stream as far as it was read, and a later call uses that as it stands; on purpose.
-    readRuns({sds->data(), sds->size()}, runs, BufferType::Bytes, "Unable to read SDS entry");
+    readRuns(sds, runs, BufferType::Bytes, "Unable to read SDS entry");
 }
 
 void NTFSParser::clearSDS() {
-    sds.reset();
+    decltype(sds)().swap(sds); // its memory goes, too
 }
 
 std::vector<NTFS_ACL> NTFSParser::getACLFromSDS(unsigned long offset) const {
-    Bytes const stream = sds == nullptr ? Bytes{} : sds->bytes();
+    Bytes const stream = sds;
     std::string const where = "Given $SDS offset " + std::to_string(offset);
     // Only a greater offset is refused here, on purpose; and the entry's own length is not looked at.
     if (offset > stream.size()) {

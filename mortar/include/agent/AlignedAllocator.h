@@ -13,10 +13,17 @@
 namespace agent {
 
 /// Blocks of at least this many bytes are mapped straight from the system, so that they come as fresh zero pages which
-/// take no memory until they are written. 256 KiB: from there on, mapping costs less than clearing.
+/// take no memory until they are written. 256 KiB is a choice, of the order at which the C library, too, begins to map
+/// (128 KiB).
 inline constexpr std::size_t kFreshPagesThreshold = std::size_t{256} * 1024;
 
-/// Zeroed memory of `bytes` bytes that starts at a multiple of `alignment`.
+/// Zeroed memory of `bytes` bytes that starts at a multiple of `alignment`. Any thread.
+///
+/// @code
+/// void* const memory = agent::allocateAligned(1 << 20, 4096);
+/// long const count = volume.read(memory, 1 << 20);
+/// agent::deallocateAligned(memory, 1 << 20, 4096);
+/// @endcode
 /// @param bytes      may be 0: the result is memory that must not be used, and must be given back
 /// @param alignment  bytes, a power of two
 /// @return owned by the caller, until deallocateAligned()
@@ -24,7 +31,7 @@ inline constexpr std::size_t kFreshPagesThreshold = std::size_t{256} * 1024;
 /// @throws std::bad_alloc         the memory cannot be had; nothing is held then
 AGENT_EXPORT void* allocateAligned(std::size_t bytes, std::size_t alignment);
 
-/// Gives back what allocateAligned returned.
+/// Gives back what allocateAligned returned. Any thread, also another one than asked for it.
 /// @param memory     null is ignored
 /// @param bytes      as it was asked for
 /// @param alignment  as it was asked for
@@ -104,6 +111,57 @@ private:
     std::size_t naturalAlignment() const noexcept { return alignment_ == 0 ? 0 : alignof(T); }
 
     std::size_t alignment_;
+};
+
+/// An AlignedAllocator whose alignment, a cache line, is part of its type: it keeps nothing, so that a container with
+/// it is as wide as one with the standard allocator. Blocks are zero, and large ones take no memory before they are
+/// written, as with AlignedAllocator. Any thread.
+///
+/// @code
+/// std::vector<unsigned char, agent::CacheLineAllocator<unsigned char>> bytes;
+/// bytes.resize(std::size_t{1} << 30); // zero; takes addresses, not memory
+/// @endcode
+template <typename T>
+class CacheLineAllocator {
+public:
+    /// What the memory is for.
+    using value_type = T;
+
+    /// Bytes: the line of every x86-64 processor.
+    static constexpr std::size_t kAlignment = 64;
+
+    CacheLineAllocator() noexcept = default;
+
+    /// One for other elements.
+    template <typename Other>
+    CacheLineAllocator(CacheLineAllocator<Other> const&) noexcept {} // NOLINT: allocators convert
+
+    /// Zeroed memory for `count` elements.
+    /// @throws std::bad_alloc, std::bad_array_new_length  the memory cannot be had
+    T* allocate(std::size_t count) { return AlignedAllocator<T>(kAlignment).allocate(count); }
+
+    /// Frees what allocate() returned for the same count.
+    void deallocate(T* memory, std::size_t count) noexcept {
+        AlignedAllocator<T>(kAlignment).deallocate(memory, count);
+    }
+
+    /// Default-initialises one element: for a trivial type, the zeros of the fresh memory stay.
+    template <typename U>
+    void construct(U* place) noexcept(std::is_nothrow_default_constructible_v<U>) {
+        ::new (static_cast<void*>(place)) U;
+    }
+
+    /// Constructs one element from arguments.
+    template <typename U, typename First, typename... Rest>
+    void construct(U* place, First&& first, Rest&&... rest) {
+        ::new (static_cast<void*>(place)) U(static_cast<First&&>(first), static_cast<Rest&&>(rest)...);
+    }
+
+    /// All are alike.
+    template <typename Other>
+    bool operator==(CacheLineAllocator<Other> const&) const noexcept {
+        return true;
+    }
 };
 
 /// Whether the alignments are equal.
