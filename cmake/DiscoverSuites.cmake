@@ -1,6 +1,6 @@
 # fsparser_discover_suites(TARGET FOLDER): one CTest test for each suite of a GoogleTest program, in place of one for each
-# test. A sanitized process takes a tenth of a second to start, so that thousands of them take minutes. A suite of which
-# everything was skipped counts as skipped.
+# test. What a suite's tests share, such as a real volume, is made once then, and a sanitized process takes a tenth of a
+# second to start, which thousands of them would pay. A suite of which everything was skipped counts as skipped.
 function(fsparser_discover_suites target folder)
     set(script "${CMAKE_CURRENT_BINARY_DIR}/${target}_suites.cmake")
     file(GENERATE OUTPUT "${script}" CONTENT

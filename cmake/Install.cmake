@@ -1,5 +1,5 @@
 # What `cmake --install` puts where. Three components: `runtime` (the shared libraries), `development` (headers, link
-# names, and what pkg-config and CMake look for) and `command` (the command with its manuals; the default).
+# names, and what pkg-config and CMake look for) and `command` (the command with its manuals and all pages; the default).
 include(CMakePackageConfigHelpers)
 
 set(fsparser_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/fsparser)
@@ -35,7 +35,9 @@ foreach(library mortar fsparser)
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 endforeach()
 
-install(FILES README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT command)
-install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs COMPONENT development
+# Pages, and what they link to, lie as in the sources.
+install(FILES README.md CONTRIBUTING.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT command)
+install(FILES bench/README.md DESTINATION ${CMAKE_INSTALL_DOCDIR}/bench COMPONENT command)
+install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs COMPONENT command
     FILES_MATCHING PATTERN "*.md" PATTERN "*.png" PATTERN "*.svg")
-install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
+install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT command)

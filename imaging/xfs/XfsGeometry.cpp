@@ -36,7 +36,7 @@ constexpr std::uint64_t kIncompatNeedsRepair = 0x10;
 /// Superblock copy, free-space header, inode header and free list take a sector each.
 constexpr std::uint64_t kHeaderSectors = 4;
 
-/// Volumes of more groups are kept as a whole: their list would take too much memory.
+/// Volumes of more groups count as used as a whole: the list of their headers would take too much memory.
 constexpr std::uint64_t kMostGroups = std::uint64_t{1} << 20;
 
 /// The fields of the superblock that count here.
@@ -165,9 +165,6 @@ Reason findMisplacedJournal(Journal const& journal, Facts const& facts) {
 
 /// The headers of every group, which lie in its first four sectors, and the journal.
 std::vector<ByteRange> alwaysKept(Journal const& journal, Facts const& facts) {
-    if (facts.groups > kMostGroups) {
-        return {{0, facts.blocks * facts.blockSize}};
-    }
     std::uint64_t const headers =
         (kHeaderSectors * facts.sectorSize + facts.blockSize - 1) / facts.blockSize * facts.blockSize;
     std::vector<ByteRange> ranges;
@@ -216,11 +213,13 @@ Answerer open(Volume& volume) {
     if (geometry.notBelieved) {
         return allUsed(std::move(geometry), volume.size());
     }
-    GroupHeaders headers;
-    if (facts.groups <= kMostGroups) {
-        headers = readGroupHeaders(volume, {facts.groups, facts.groupBlocks, facts.blocks, facts.blockSize,
-                                            facts.sectorSize, facts.versionNumber() == 5});
+    if (facts.groups > kMostGroups) {
+        geometry.notBelieved = "sb_agcount is " + std::to_string(facts.groups) + ", more than the " +
+                               std::to_string(kMostGroups) + " groups whose headers are looked at";
+        return allUsed(std::move(geometry), volume.size());
     }
+    GroupHeaders headers = readGroupHeaders(volume, {facts.groups, facts.groupBlocks, facts.blocks, facts.blockSize,
+                                                     facts.sectorSize, facts.versionNumber() == 5});
     if (headers.notBelieved) {
         geometry.notBelieved = headers.notBelieved;
         return allUsed(std::move(geometry), volume.size());

@@ -16,6 +16,7 @@
 #include "support/HfsReader.h"
 #include "support/NtfsAccess.h"
 #include "support/NtfsBuilder.h"
+#include "support/NtfsIndex.h"
 #include "support/Readers.h"
 #include "support/RecordingLogger.h"
 #include "support/XfsBuilder.h"
@@ -188,11 +189,57 @@ TEST(Layout, NtfsHoldsItsBootSectorsNumbersAndThenWhatItOwns) {
                            {"sectors", 40, 8, volume.boot(0x28, 8)},
                            {"first cluster of $MFT", 48, 8, volume.boot(0x30, 8)},
                            {"bytes of a record", 56, 4, volume.geometry().recordBytes}});
-    EXPECT_NE(numberAt(&parser, 64, 8), 0U) << "record 0";
-    EXPECT_NE(numberAt(&parser, 80, 8), 0U) << "the cache of paths";
+    EXPECT_EQ(sizeof(NTFSParser), 120U);
+    expectFields(&parser, {{"bytes of $UpCase", 60, 4, 0}, {"$UpCase", 72, 8, 0}});
     parser.read_upcase();
     expectFields(&parser, {{"bytes of $UpCase", 60, 4, 131072}});
-    EXPECT_NE(numberAt(&parser, 72, 8), 0U) << "$UpCase";
+}
+
+/// The object that the pointer at this offset leads to.
+void const* objectAt(void const* object, std::size_t offset) {
+    return std::bit_cast<void const*>(numberAt(object, offset, 8));
+}
+
+/// Bytes in memory, as text.
+std::string textAt(void const* place, std::size_t length) {
+    return place == nullptr ? "nowhere" : std::string(static_cast<char const*>(place), length);
+}
+
+TEST(Layout, NtfsHoldsRecordZeroUpcaseTableAndCacheInThisOrder) {
+    MemoryReader const reader(NtfsBuilder::standard().bytes);
+    SilentLogger logger;
+    NtfsAccess parser(logger, kAlignment, reader);
+    parser.read_upcase();
+    void const* const record = objectAt(&parser, 64);
+    void const* const upcase = objectAt(&parser, 72);
+    void const* const cache = objectAt(&parser, 80);
+    ASSERT_NE(record, nullptr);
+    ASSERT_NE(upcase, nullptr);
+    ASSERT_NE(cache, nullptr);
+    EXPECT_EQ(textAt(objectAt(record, 0), 4), "FILE");
+    auto const* const table = static_cast<std::uint16_t const*>(objectAt(upcase, 0));
+    ASSERT_NE(table, nullptr);
+    EXPECT_EQ(table[u'a'], u'A');
+    EXPECT_EQ(table[u'A'], u'A');
+    expectFields(cache, {{"capacity", 72, 8, 1000}});
+}
+
+TEST(Layout, NtfsHoldsTheSecurityStreamAsAVectorOfBytes) {
+    NtfsBuilder const volume = NtfsBuilder::standard();
+    NtfsBytes stream = ntfsSdsStream(volume.descriptors);
+    stream.resize(volume.clustersFor(stream.size()) * volume.geometry().clusterBytes); // it is read in whole clusters
+    MemoryReader const reader(volume.bytes);
+    SilentLogger logger;
+    NtfsAccess parser(logger, kAlignment, reader);
+    std::vector<Field> const nothing{{"begin", 88, 8, 0}, {"end", 96, 8, 0}, {"end of the memory", 104, 8, 0}};
+    expectFields(&parser, nothing);
+    ASSERT_FALSE(parser.readACLFromFile("\\readme.txt").empty());
+    std::uint64_t const begin = numberAt(&parser, 88, 8);
+    ASSERT_EQ(numberAt(&parser, 96, 8) - begin, stream.size());
+    EXPECT_GE(numberAt(&parser, 104, 8) - begin, stream.size());
+    EXPECT_EQ(textAt(objectAt(&parser, 88), stream.size()), textAt(stream.data(), stream.size()));
+    parser.clearSDS();
+    expectFields(&parser, nothing);
 }
 
 TEST(Layout, TheVolumeReaderHoldsAPointerToAllElse) {

@@ -1,5 +1,6 @@
 // The Debian packages that scripts/package leaves in build/packages: what is in them, and that it works.
 #include "InstalledTree.h"
+#include "ShownCommands.h"
 
 #include "support/Files.h"
 
@@ -99,10 +100,18 @@ TEST_F(InstallPackages, EachHasItsFiles) {
         EXPECT_TRUE(hasPath(development, ending)) << ending;
     }
     auto const command = contentsOf("fsparser");
-    for (char const* const ending : {"/usr/bin/fsparser", "/man1/fsparser.1.gz",
-                                     "/bash-completion/completions/fsparser", "/zsh/site-functions/_fsparser"}) {
+    for (char const* const ending :
+         {"/usr/bin/fsparser", "/man1/fsparser.1.gz", "/bash-completion/completions/fsparser",
+          "/zsh/site-functions/_fsparser", "/doc/fsparser/README.md", "/doc/fsparser/docs/pictures/ext3.png"}) {
         EXPECT_TRUE(hasPath(command, ending)) << ending;
     }
+}
+
+TEST_F(InstallPackages, EveryLinkOfTheirPagesLeadsSomewhere) {
+    TempDirectory const directory;
+    unpack(directory.path());
+    EXPECT_TRUE(files::exists(directory.path() / "usr/share/doc/fsparser/docs/embedding.md"));
+    EXPECT_EQ(deadLinksBelow(directory.path() / "usr" / "share" / "doc"), std::vector<std::string>());
 }
 
 TEST_F(InstallPackages, EachSaysWhatItIsAndWhose) {

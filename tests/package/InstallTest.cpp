@@ -1,13 +1,16 @@
 // What `cmake --install` leaves: every file in its place, a command that runs wherever the tree is moved, and libraries
 // that projects outside of this one find, by pkg-config and by CMake.
 #include "InstalledTree.h"
+#include "ShownCommands.h"
 
 #include "support/Files.h"
+#include "support/NtfsBuilder.h"
 #include "support/Sanitized.h"
 
 #include <algorithm>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <iterator>
 #include <set>
 #include <sstream>
 #include <string>
@@ -30,20 +33,20 @@ std::set<std::string> filesBelow(files::path const& directory, std::string const
     return names;
 }
 
-/// An ext volume, and what used_units says of it: the code of ext, its units, and those of them that are in use.
+/// An ext volume, and what programs outside say of it.
 struct Sample {
     explicit Sample(InstalledTree const& tree) : path(tree.scratch("ext.img")) {
         ExtBuilder builder = makeSoundExtVolume();
         builder.setUsedFrom(9000, 777);
         writeExtVolume(path, builder);
         std::vector<bool> const map = builder.map();
-        std::ostringstream text;
-        text << "3 " << map.size() << ' ' << std::count(map.begin(), map.end(), true) << '\n';
-        answer = text.str();
+        used = std::to_string(std::count(map.begin(), map.end(), true));
+        answer = "3 " + std::to_string(map.size()) + ' ' + used + '\n';
     }
 
     std::string path;
-    std::string answer;
+    std::string used;   ///< its units that are in use
+    std::string answer; ///< of used_units: the code of ext, the units, and those in use
 };
 
 class Install : public testing::Test {
@@ -91,6 +94,12 @@ TEST_F(Install, PutsTheCommandAndItsDocuments) {
     auto const documents = filesBelow(tree->prefix() / "share" / "doc");
     EXPECT_TRUE(documents.contains("fsparser/README.md"));
     EXPECT_TRUE(documents.contains("fsparser/CHANGELOG.md"));
+    EXPECT_TRUE(documents.contains("fsparser/docs/embedding.md"));
+    EXPECT_TRUE(documents.contains("fsparser/examples/agent/agent.cpp"));
+}
+
+TEST_F(Install, EveryLinkOfThePagesLeadsSomewhere) {
+    EXPECT_EQ(deadLinksBelow(tree->prefix() / "share" / "doc"), std::vector<std::string>());
 }
 
 TEST_F(Install, NamesNoDirectoryOfTheBuild) {
@@ -209,6 +218,48 @@ TEST_F(OutsideProject, FindsTheLibraryByCMake) {
     CommandResult const built = inTree({"cmake", "--build", output, "--target", "used_units"});
     ASSERT_TRUE(built.succeeded()) << built;
     expectAnswer(output);
+}
+
+TEST_F(OutsideProject, BuildsTheAgentOfTheExamples) {
+    std::string const output = tree->scratch("agent");
+    std::string const example = (tree->prefix() / "share" / "doc" / "fsparser" / "examples" / "agent").string();
+    CommandResult const configured = inTree({"cmake", "-S", example, "-B", output});
+    ASSERT_TRUE(configured.succeeded()) << configured;
+    CommandResult const built = inTree({"cmake", "--build", output});
+    ASSERT_TRUE(built.succeeded()) << built;
+    Sample const sample(*tree);
+    CommandResult const result = inTree({output + "/agent_example", sample.path});
+    EXPECT_TRUE(result.succeeded()) << result;
+    EXPECT_EQ(result.error, "ext: " + sample.used + " units of 1024 bytes are used\n");
+}
+
+TEST_F(OutsideProject, AnswersForFilesByPathWithTheLinesOfThePageOnEmbedding) {
+    std::ifstream file(outsideProjects() / "ntfs_files.cpp");
+    std::string const program(std::istreambuf_iterator<char>(file), {});
+    auto const shown = codeInMarkdown("docs/embedding.md", "cpp");
+    ASSERT_EQ(shown.size(), 2U) << "the agent, and the files by path";
+    std::istringstream lines(shown.back());
+    std::string inProgram;
+    for (std::string line; std::getline(lines, line);) {
+        inProgram += "    " + line + '\n';
+    }
+    EXPECT_NE(program.find(inProgram), std::string::npos) << inProgram;
+
+    std::string const output = tree->scratch("by-path");
+    CommandResult const configured = inTree({"cmake", "-S", (outsideProjects() / "cmake").string(), "-B", output});
+    ASSERT_TRUE(configured.succeeded()) << configured;
+    CommandResult const built = inTree({"cmake", "--build", output, "--target", "ntfs_files"});
+    ASSERT_TRUE(built.succeeded()) << built;
+    NtfsBuilder builder = NtfsBuilder::standard();
+    NtfsRecord& letter = builder.record(26).remove(ntfs_type::kData);
+    auto const runs = builder.store(letter, ntfs_type::kData, u"", NtfsBytes(3 * builder.geometry().clusterBytes), 2);
+    std::string expected;
+    for (NtfsRun const& run : runs) {
+        expected += std::to_string(run.lcn) + ' ' + std::to_string(run.length) + '\n';
+    }
+    std::string const volume = writeFile(tree->scratch("ntfs.img"), builder.seal().bytes);
+    CommandResult const result = inTree({output + "/ntfs_files", volume});
+    EXPECT_EQ(result.output, expected + "32 1\n") << result;
 }
 
 TEST_F(OutsideProject, IsRefusedWhenItWantsAnotherMajorVersion) {

@@ -28,6 +28,14 @@ std::string unescaped(std::string text) {
     return text;
 }
 
+std::string joined(std::vector<std::string> const& lines) {
+    std::string text;
+    for (std::string const& line : lines) {
+        text += line + "\n";
+    }
+    return text;
+}
+
 /// A console block: commands behind the prompt, and what they print.
 void addSession(std::vector<ShownCommand>& commands, std::string const& place, std::vector<std::string> const& lines) {
     for (std::string const& line : lines) {
@@ -50,16 +58,41 @@ void addBlock(std::vector<ShownCommand>& commands, std::string const& place, std
     } else if (language == "indented" && std::any_of(lines.begin(), lines.end(), [](std::string const& line) {
                    return line.starts_with("fsparser ");
                })) {
-        std::string script;
-        for (std::string const& line : lines) {
-            script += line + "\n";
-        }
-        commands.push_back({place, script, ""});
+        commands.push_back({place, joined(lines), ""});
     }
 }
 
 std::string sourceFile(std::string const& document) {
     return std::string(FSPARSER_SOURCE_DIR) + "/" + document;
+}
+
+/// Lines of a Markdown document that are no prose.
+struct Block {
+    std::string language; ///< of the fence; "none" where it names none, "indented" where there is none
+    std::vector<std::string> lines;
+};
+
+std::vector<Block> blocksOf(std::string const& path) {
+    std::vector<Block> blocks;
+    bool isFenced = false;
+    bool isIndented = false;
+    for (std::string const& line : linesOf(path)) {
+        bool const wasIndented = std::exchange(isIndented, !isFenced && line.starts_with("    "));
+        if (line.starts_with("```")) {
+            isFenced = !isFenced;
+            if (isFenced) {
+                blocks.push_back({line.size() > 3 ? line.substr(3) : "none", {}});
+            }
+        } else if (isFenced) {
+            blocks.back().lines.push_back(line);
+        } else if (isIndented) {
+            if (!wasIndented) {
+                blocks.push_back({"indented", {}});
+            }
+            blocks.back().lines.push_back(line.substr(4));
+        }
+    }
+    return blocks;
 }
 
 } // namespace
@@ -90,25 +123,20 @@ std::vector<ShownCommand> commandsInPage(std::string const& verb) {
 
 std::vector<ShownCommand> commandsInMarkdown(std::string const& document) {
     std::vector<ShownCommand> commands;
-    std::vector<std::string> block;
-    std::string language; // of a fence, "indented", or empty outside of a block
-    for (std::string const& line : linesOf(sourceFile(document))) {
-        bool const isFence = line.starts_with("```");
-        bool const isIndented = line.starts_with("    ");
-        if (language.empty() && isFence) {
-            language = line.size() > 3 ? line.substr(3) : "none";
-        } else if (language.empty() && isIndented) {
-            language = "indented";
-            block.push_back(line.substr(4));
-        } else if (language == "indented" ? isIndented : !language.empty() && !isFence) {
-            block.push_back(language == "indented" ? line.substr(4) : line);
-        } else if (!language.empty()) {
-            addBlock(commands, document, language, std::exchange(block, {}));
-            language.clear();
+    for (Block const& block : blocksOf(sourceFile(document))) {
+        addBlock(commands, document, block.language, block.lines);
+    }
+    return commands;
+}
+
+std::vector<std::string> codeInMarkdown(std::string const& document, std::string const& language) {
+    std::vector<std::string> code;
+    for (Block const& block : blocksOf(sourceFile(document))) {
+        if (block.language == language) {
+            code.push_back(joined(block.lines));
         }
     }
-    addBlock(commands, document, language, block);
-    return commands;
+    return code;
 }
 
 std::vector<std::string> callsInProse(std::string const& document) {
@@ -125,7 +153,7 @@ std::vector<std::string> callsInProse(std::string const& document) {
 std::vector<std::string> markdownDocuments() {
     namespace fs = std::filesystem;
     fs::path const top(FSPARSER_SOURCE_DIR);
-    std::vector<std::string> documents{"README.md"};
+    std::vector<std::string> documents{"README.md", "CONTRIBUTING.md", "bench/README.md"};
     for (auto const& entry : fs::recursive_directory_iterator(top / "docs")) {
         if (entry.path().extension() == ".md") {
             documents.push_back(fs::relative(entry.path(), top).generic_string());
@@ -133,6 +161,29 @@ std::vector<std::string> markdownDocuments() {
     }
     std::sort(documents.begin() + 1, documents.end());
     return documents;
+}
+
+std::vector<std::string> deadLinksBelow(std::filesystem::path const& directory) {
+    static std::regex const pattern(R"(\]\(([^)#\s]+)[^)]*\))");
+    std::vector<std::string> dead;
+    for (auto const& entry : std::filesystem::recursive_directory_iterator(directory)) {
+        if (entry.path().extension() != ".md") {
+            continue;
+        }
+        bool isProgram = false;
+        for (std::string const& line : linesOf(entry.path().string())) {
+            isProgram = line.starts_with("```") ? !isProgram : isProgram;
+            for (std::sregex_iterator match(line.begin(), line.end(), pattern), end; !isProgram && match != end;
+                 ++match) {
+                std::string const target = (*match)[1];
+                if (target.find("://") == std::string::npos &&
+                    !std::filesystem::exists(entry.path().parent_path() / target)) {
+                    dead.push_back(entry.path().string() + " leads to " + target);
+                }
+            }
+        }
+    }
+    return dead;
 }
 
 } // namespace tests

@@ -1,6 +1,7 @@
 // The commands that documents show, taken out of them.
 #pragma once
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -24,10 +25,17 @@ std::vector<ShownCommand> commandsInPage(std::string const& verb);
 /// @param document  its path from the top of the source tree
 std::vector<ShownCommand> commandsInMarkdown(std::string const& document);
 
+/// The fenced blocks of a Markdown document in a language, such as "cpp".
+std::vector<std::string> codeInMarkdown(std::string const& document, std::string const& language);
+
 /// The code within lines of a Markdown document that begins with fsparser.
 std::vector<std::string> callsInProse(std::string const& document);
 
-/// README.md, and what is in docs, as paths from the top of the source tree.
+/// README.md, CONTRIBUTING.md, the benchmark's page, and what is in docs, as paths from the top of the source tree.
 std::vector<std::string> markdownDocuments();
+
+/// The links of the Markdown pages below a directory that lead nowhere, those to other hosts left out; for each its
+/// page and where it leads.
+std::vector<std::string> deadLinksBelow(std::filesystem::path const& directory);
 
 } // namespace tests

@@ -1,4 +1,5 @@
 // What the shared libraries show to the outside: their names, what they need, and the symbols that leave them.
+#include "AbiHeaders.h"
 #include "LibraryFile.h"
 
 #include <algorithm>
@@ -82,11 +83,42 @@ TEST_P(Symbols, NoPrivateHelperLeavesThem) {
         if (isLeftByInstrumentation(symbol)) {
             continue;
         }
-        for (char const* const helper :
-             {"::Impl", "anonymous namespace", "mapAligned", "logFailedAllocation", "ZeroedBuffer", "LittleEndian",
-              "BigEndian", "mergeBits", "mergeGroups", "readDescriptorTable", "EXTParser::fail", "EXTParser::blockSize",
-              "EXTParser::descriptorSize", "makeBounceBuffer"}) {
+        for (char const* const helper : {"::Impl",
+                                         "anonymous namespace",
+                                         "mapAligned",
+                                         "logFailedAllocation",
+                                         "ZeroedBuffer",
+                                         "LittleEndian",
+                                         "BigEndian",
+                                         "mergeBits",
+                                         "mergeGroups",
+                                         "readDescriptorTable",
+                                         "EXTParser::fail",
+                                         "EXTParser::blockSize",
+                                         "EXTParser::descriptorSize",
+                                         "makeBounceBuffer",
+                                         "OverflowSearch",
+                                         "TreeWalk",
+                                         "Walks",
+                                         "PreparedKey",
+                                         "IndexNode",
+                                         "::Request",
+                                         "::Stretch",
+                                         "::Chunk",
+                                         "::Position"}) {
             EXPECT_EQ(symbol.name.find(helper), std::string::npos) << symbol.name;
+        }
+    }
+}
+
+TEST_P(Symbols, WhatTheHeadersHideDoesNotLeaveThem) {
+    auto const hidden = tests::hiddenNamesOfExportedHeaders();
+    ASSERT_TRUE(hidden.contains("NTFSParser::PreparedKey") && hidden.contains("EXTParser::fail"));
+    for (Symbol const& symbol : symbols) {
+        for (std::string const& name : hidden) {
+            for (char const* const end : {"(", "<", "::"}) {
+                EXPECT_EQ(symbol.name.find("::" + name + end), std::string::npos) << symbol.name;
+            }
         }
     }
 }

@@ -15,6 +15,8 @@
 #include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <map>
+#include <memory>
 #include <random>
 #include <sstream>
 #include <unistd.h>
@@ -67,10 +69,10 @@ void overwrite(std::string const& path, Ranges const& ranges) {
     std::mt19937_64 generator(5);
     std::fstream file(path, std::ios::binary | std::ios::in | std::ios::out);
     for (ByteRange const& range : ranges) {
-        std::string bytes(range.size(), '\0');
-        std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<char>(generator() | 1U); });
+        std::vector<std::uint64_t> words((range.size() + 7) / 8);
+        std::generate(words.begin(), words.end(), [&] { return generator() | 0x0101010101010101U; }); // no byte is zero
         file.seekp(static_cast<std::streamoff>(range.begin));
-        file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+        file.write(reinterpret_cast<char const*>(words.data()), static_cast<std::streamsize>(range.size()));
     }
     ASSERT_TRUE(file.flush());
 }
@@ -97,12 +99,25 @@ protected:
                 GTEST_SKIP() << *reason;
             }
         }
-        GetParam().make(directory);
+        static std::map<std::string, std::unique_ptr<TempDirectory>> made;
+        auto& shared = made[GetParam().name];
+        if (!shared) {
+            ASSERT_NO_FATAL_FAILURE(make());
+            shared = std::make_unique<TempDirectory>(TempDirectory::Place::Memory);
+            std::filesystem::copy(directory.path(), shared->path());
+        } else {
+            std::filesystem::copy(shared->path(), directory.path());
+        }
         size = std::filesystem::file_size(volume);
+        extents = parseExtents(contentOfFile(directory.file("extentlist")));
+    }
+
+    void make() {
+        GetParam().make(directory);
         extents = parseExtents(contentOfFile(list("extentlist")));
         ASSERT_GT(extents.taken.size(), 1U);
         ASSERT_GT(extents.leftOut.size(), 1U);
-        ASSERT_EQ(extents.taken.back().end, size) << "the end of the volume is always taken along";
+        ASSERT_EQ(extents.taken.back().end, std::filesystem::file_size(volume)) << "the end is always taken along";
         overwrite(volume, extents.leftOut);
         ASSERT_NO_FATAL_FAILURE(expectNothingWrong(volume)); // nothing of use was left out
     }

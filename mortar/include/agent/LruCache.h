@@ -14,9 +14,14 @@ namespace agent {
 /// when they may be stale. Not synchronised: a find changes the recency order, so one thread at a time.
 ///
 /// @code
-/// agent::LruCache<Element> cache(1000);
+/// struct Directory {
+///     std::string path;
+///     unsigned long inode;
+///     bool operator<(Directory const& other) const { return path < other.path; }
+/// };
+/// agent::LruCache<Directory> cache(1000);
 /// cache.put({"dir", 42});
-/// if (Element const* hit = cache.find({"dir", 0})) { use(hit->inode); }
+/// if (Directory const* hit = cache.find({"dir", 0})) { use(hit->inode); }
 /// @endcode
 template <typename Element>
 class LruCache {

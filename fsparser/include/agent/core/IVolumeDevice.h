@@ -8,6 +8,13 @@ namespace agent::core {
 
 /// A volume reader that is opened by path and knows its size: it answers for everything itself. The operations are
 /// those of IVolumeReader, under the same rules of ownership and threads.
+///
+/// @code
+/// std::unique_ptr<agent::core::IVolumeDevice> const device =
+///     std::make_unique<agent::core::backup::VolumeReader>(logger, "/dev/sdb1");
+/// if (!device->open()) { use(device->getVolumePath(), device->getLastError()); } // the path, and the errno
+/// use(device->size());                                                           // bytes
+/// @endcode
 class AGENT_EXPORT IVolumeDevice : public IVolumeReader {
 public:
     IVolumeDevice() = default;

@@ -14,17 +14,24 @@ namespace agent::core {
 /// shared by both, so a reader and the parsers built on it serve one thread at a time. The caller owns the reader; it
 /// must outlive every parser built on it. Parsers never open or close it.
 ///
-/// What read() or seek() throws leaves the parser's call.
+/// What read() or seek() throws leaves the parser's call, but for two: a std::runtime_error in the tree walk of
+/// XFSParser::getChunk() becomes an `Error` entry of its text and the result -1; and once upcase table and $SDS stream
+/// are loaded, a std::exception in NTFSParser::readACLFromFile() becomes the reason in that call's own
+/// std::runtime_error.
 ///
 /// @code
 /// struct MemoryVolume : agent::core::IVolumeReader {
 ///     long read(void* buffer, long length) const override {
-///         long const count = std::clamp<long>(static_cast<long>(bytes.size()) - position, 0, length);
+///         long const left = static_cast<long>(bytes.size()) - position;
+///         if (left <= 0) { return 0; } // at the end, or past it
+///         long const count = std::min(left, length);
 ///         std::memcpy(buffer, bytes.data() + position, static_cast<std::size_t>(count));
 ///         position += count;
 ///         return count;
 ///     }
-///     long seek(long offset, int whence) const override { return whence == SEEK_SET ? position = offset : -1; }
+///     long seek(long offset, int whence) const override {
+///         return whence == SEEK_SET && offset >= 0 ? position = offset : -1;
+///     }
 ///
 ///     std::vector<char> bytes;
 ///     mutable long position = 0;
@@ -48,7 +55,8 @@ public:
     virtual long read(void* buffer, long length) const = 0;
 
     /// Moves the position.
-    /// @param offset  bytes, relative to `whence`
+    /// @param offset  bytes, relative to `whence`. What a damaged volume names may be negative or past the end: answer
+    ///     -1, or let a read there deliver 0 bytes.
     /// @param whence  SEEK_SET, SEEK_CUR or SEEK_END. The parsers use SEEK_SET only.
     /// @return the new position in bytes from the start; -1 on failure
     virtual long seek(long offset, int whence) const = 0;

@@ -20,13 +20,23 @@ public:
 };
 
 /// An error with a code and a way to put that code into words. Built for `int`, in libfsparser.so.1.
+///
+/// @code
+/// try {
+///     agent::core::backup::VolumeReader const volume(logger, "/dev/sdb1");
+///     use(volume);
+/// } catch (agent::exception::generic_library_error<int> const& error) { // PosixError is one
+///     use(error.what(), error.code());
+/// }
+/// @endcode
 template <typename Code>
 class AGENT_EXPORT generic_library_error : public library_error {
 public:
     /// Turns a code into text. Empty text stands for "Unknown error".
     using Describer = std::function<std::string(Code)>;
 
-    /// Fixes what() as format() gives it, and keeps the code and the describer beside it.
+    /// Fixes what() as format() gives it, and keeps the code and the describer beside it. Any thread that the describer
+    /// allows.
     /// @param library    name of the library
     /// @param message    what was tried; may be empty
     /// @param code       kept
@@ -39,12 +49,12 @@ public:
     generic_library_error& operator=(generic_library_error const&) = default;
     ~generic_library_error() override;
 
-    /// The code given to the constructor.
+    /// The code given to the constructor. Any thread.
     Code code() const noexcept { return code_; }
 
     /// The text of what(): "MESSAGE: DESCRIPTION | ERROR(LIBRARY) : CODE (0xHEX)". The code is written in decimal,
     /// signed, and in lower-case hexadecimal of at least 8 digits as its two's complement. An empty message drops
-    /// "MESSAGE: ".
+    /// "MESSAGE: ". Any thread that the describer allows.
     /// @param library    LIBRARY
     /// @param message    MESSAGE
     /// @param code       CODE

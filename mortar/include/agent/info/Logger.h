@@ -21,12 +21,13 @@ enum class Level : int {
 /// A sink of messages, implemented by the caller and handed to the libraries by reference.
 ///
 /// The libraries never own a logger: it must outlive everything that was built on it. They call it from the thread that
-/// called them and never keep a message.
+/// called them and never keep a message. Parsers on two threads call it at the same time: a logger that they share
+/// locks for itself.
 ///
 /// @code
 /// struct StderrLogger : agent::info::Logger {
-///     bool isEnabled(Level level) const override { return level != Level::Debug; }
-///     void write(Level, std::string const& text) override { std::fprintf(stderr, "%s\n", text.c_str()); }
+///     bool isEnabled(agent::info::Level level) const override { return level != agent::info::Level::Debug; }
+///     void write(agent::info::Level, std::string const& text) override { std::fprintf(stderr, "%s\n", text.c_str()); }
 /// };
 /// @endcode
 class AGENT_EXPORT Logger {
@@ -39,7 +40,10 @@ public:
     virtual ~Logger();
 
     /// Whether messages of this level are wanted. Asked once for each entry, and sometimes once for many; true by
-    /// default. What it throws leaves the library.
+    /// default. What it throws leaves the library, but where the library catches: a std::runtime_error in the tree walk
+    /// of XFSParser::getChunk() becomes an `Error` entry and -1; a std::exception in the later part of
+    /// NTFSParser::readACLFromFile() becomes the reason in its std::runtime_error; and what is thrown for the entry of
+    /// a failed allocation is dropped, so that the failure itself is heard of.
     /// @param level  of the message to come
     /// @return false: the message is neither formatted nor written
     virtual bool isEnabled(Level level) const;
@@ -60,7 +64,7 @@ public:
 /// While the level is off, nothing is formatted and nothing is allocated: the pieces are dropped as they come.
 ///
 /// @code
-/// Logger::Entry(logger, Level::Error) << "Failed to open block device " << path << ", err: " << error;
+/// agent::info::Logger::Entry(logger, agent::info::Level::Warning) << "block " << 42 << " at 0x" << std::hex << 43008;
 /// @endcode
 class AGENT_EXPORT Logger::Entry {
 public:

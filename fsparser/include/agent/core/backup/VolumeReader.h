@@ -24,7 +24,7 @@ namespace agent::core::backup {
 ///
 /// @code
 /// agent::core::backup::VolumeReader volume(logger, "/dev/sdb1"); // measures, then closes
-/// if (volume.open()) { agent::core::fs::EXTParser parser(logger, 4096, volume); ... }
+/// if (volume.open()) { agent::core::fs::EXTParser const parser(logger, 4096, volume); }
 /// @endcode
 class AGENT_EXPORT VolumeReader : public IVolumeDevice {
 public:

@@ -35,7 +35,7 @@ class ZeroedBuffer;
 /// @endcode
 ///
 /// Memory: the descriptor table and one group bitmap, at sizes that the superblock claims. They take addresses, and
-/// memory only for what the volume really delivers.
+/// memory only for what the volume really delivers. docs/formats/ext.md lists the fields that are read.
 class AGENT_EXPORT EXTParser : public IBlockBitmapChunkProvider {
 public:
     /// Reads and checks the superblock (1024 bytes at byte 1024).
@@ -51,7 +51,7 @@ public:
     EXTParser& operator=(EXTParser const&) = delete;
     ~EXTParser() override;
 
-    /// Whether the buffer is an ext superblock: the little-endian 16-bit value at 0x38 is 0xEF53.
+    /// Whether the buffer is an ext superblock: the little-endian 16-bit value at 0x38 is 0xEF53. Any thread.
     /// @param buffer  what stands at byte 1024 of the volume, at least 58 bytes; null is not recognised
     static bool isEXTFileSystem(void* buffer);
 
@@ -59,7 +59,8 @@ public:
     /// An offset may be any block up to the blocks count, at which the result is 0; past it, it is an error.
     ///
     /// A negative result is -1, after an `Error` entry of its cause and a second one:
-    ///     - "Invalid start block", "Invalid bitmap buffer", "Can't read bgd table" or "Can't read bitmap"
+    ///     - "Invalid start block", "Invalid bitmap buffer", "Can't read bgd table" or "Can't read bitmap" (also for a
+    ///       group that is longer than its bitmap)
     ///     - "A logical error occurred while attempting to parse the EXT bitmap, err: -1"
     /// @throws std::bad_alloc  the memory for a table cannot be had
     long getChunk(unsigned long offset, char* buffer, unsigned long length) const override;
@@ -82,8 +83,8 @@ protected:
     bool fs_get_block_bitmap(void* table, int group, long count, void* destination) const;
 
 private:
-    struct Position;
-    struct Chunk;
+    struct AGENT_LOCAL Position;
+    struct AGENT_LOCAL Chunk;
 
     AGENT_LOCAL std::int64_t blockSize() const;
     AGENT_LOCAL std::uint64_t descriptorSize() const;

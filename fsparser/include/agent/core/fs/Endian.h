@@ -16,6 +16,8 @@ static_assert(std::endian::native == std::endian::little, "written for x86-64");
 /// lies over bytes at any address.
 /// @code
 /// struct OnDisk { agent::core::fs::le32 blocks; }; // 4 bytes, without padding
+/// OnDisk onDisk{};
+/// long const count = volume.read(&onDisk, sizeof onDisk);
 /// std::uint32_t const blocks = onDisk.blocks.value();
 /// @endcode
 template <typename Native>

@@ -11,6 +11,7 @@
 
 namespace agent::core::fs {
 
+/// The 512 bytes of a FAT boot sector, as they stand on disk. Opaque: cast a pointer to at least 512 bytes.
 struct fat_boot_sector;
 
 /// The used space of a FAT32 volume, from its first file allocation table. A unit is a cluster-sized piece of the
@@ -33,12 +34,13 @@ struct fat_boot_sector;
 ///
 /// @code
 /// agent::core::fs::FATParser parser(logger, 4096, volume);
-/// std::vector<char> map((units + 7) / 8);                    // units: bytes of the file system / bytes of a cluster,
-/// long const n = parser.getChunk(0, map.data(), map.size()); // rounded up. One request, from unit 0.
+/// unsigned long const units = 262144; // bytes of the file system / bytes of a cluster, rounded up
+/// std::vector<char> map((units + 7) / 8);
+/// long const described = parser.getChunk(0, map.data(), map.size()); // one request, from unit 0
 /// @endcode
 ///
 /// Memory: 8 bytes for each unit requested while the table is read, 4 afterwards, in pages that the volume fills; never
-/// more than 64 times the caller's own buffer and two clusters.
+/// more than 64 times the caller's own buffer and two clusters. docs/formats/fat.md lists the fields that are read.
 class AGENT_EXPORT FATParser : public IBlockBitmapChunkProvider {
 public:
     /// Reads and checks the boot sector (512 bytes at byte 0).
@@ -56,11 +58,11 @@ public:
     ~FATParser() override;
 
     /// The type that the labels claim: 0 when the 5 bytes at 0x36 are "FAT12"; else 1 when they are "FAT16"; else 2
-    /// when the 5 bytes at 0x52 are "FAT32"; else 3.
-    /// @param bootSector  at least 87 bytes
+    /// when the 5 bytes at 0x52 are "FAT32"; else 3. Any thread.
+    /// @param bootSector  not null; no byte past the 87th is looked at
     static int fat_get_type(fat_boot_sector* bootSector);
 
-    /// Whether the buffer is the boot sector of a FAT32 volume.
+    /// Whether the buffer is the boot sector of a FAT32 volume. Any thread.
     /// @param buffer  the volume's first sector, at least 87 bytes; null is not recognised
     static bool isFATFileSystem(void* buffer);
 
@@ -69,8 +71,12 @@ public:
     /// size is 0) or -400 (it came short), after two entries with that code at their end:
     ///     - `Debug` "returning[2] "
     ///     - `Error` "A logical error occurred while attempting to parse the FAT bitmap, err: "
-    /// @throws std::exception  the memory for the table cannot be had, or the cluster size is no power of two
-    ///     (std::bad_alloc, std::invalid_argument), after a `Debug` entry
+    ///
+    /// A request that succeeds leaves `Debug` "returning[3] N", where N is the result.
+    /// @throws std::bad_alloc         the memory for the table cannot be had
+    /// @throws std::invalid_argument  "alignment is not a power of two": the cluster size is none. Both after `Debug`
+    ///     "Failed to create aligned memory of size: S, alignment: A from line: 200 in file: FATParser.cpp, error: E",
+    ///     where A is the cluster size; or, when it is the read's own buffer, after the entry of fs_seek_read_aligned()
     long getChunk(unsigned long offset, char* buffer, unsigned long length) const override;
 
 protected:
@@ -86,7 +92,8 @@ protected:
     /// @return units covered, or a negative code
     long fs_get_blocks_bitmap_chunk(unsigned long length, unsigned long start, char* buffer) const;
 
-    /// Tells which units are used, one flag a unit: 1 used, 0 free.
+    /// Tells which units are used, one flag a unit: 1 used, 0 free. As with getChunk(), **the process is aborted**
+    /// where a unit's entry is not among those that were read.
     /// @param tableOffset   byte of the first table
     /// @param dataStart     byte of cluster 2
     /// @param clusterBytes  bytes of a cluster; below 1 nothing can be told, which is a failed read
@@ -94,11 +101,12 @@ protected:
     /// @param flags         takes the flags; with null nothing is done
     /// @param count         units
     /// @return 0; -1 when the table cannot be read, -400 when it came short
+    /// @throws std::exception  std::bad_alloc or std::invalid_argument, as getChunk()
     int fat_blocks_in_use(long tableOffset, long dataStart, long clusterBytes, long start, int* flags,
                           unsigned int count) const;
 
 private:
-    struct Request;
+    struct AGENT_LOCAL Request;
 
     AGENT_LOCAL std::uint64_t totalSectors() const;
     template <typename Sink>

@@ -20,8 +20,10 @@ namespace agent::core::fs {
 ///
 /// @code
 /// agent::core::fs::FileSystemType const detector(logger);
-/// int code = detector.getFileSystemType(firstSector);
-/// if (code == agent::core::fs::kUnrecognized) { code = detector.getFileSystemType(bytesAt1024); }
+/// std::array<char, 2048> begin{};
+/// long const count = volume.read(begin.data(), 2048); // after a seek to byte 0
+/// int code = detector.getFileSystemType(begin.data());
+/// if (code == agent::core::fs::kUnrecognized) { code = detector.getFileSystemType(begin.data() + 1024); }
 /// @endcode
 class AGENT_EXPORT FileSystemType : public IFileSystemType {
 public:
@@ -31,7 +33,8 @@ public:
     FileSystemType& operator=(FileSystemType const&) = delete;
     ~FileSystemType() override;
 
-    /// As IFileSystemType states it. Never throws; looks at no byte past the 512th.
+    /// As IFileSystemType states it. Throws nothing but what the logger's isEnabled() throws; looks at no byte past the
+    /// 512th.
     int getFileSystemType(void* bootBuffer) const override;
 
 private:

@@ -21,7 +21,8 @@ namespace agent::core::fs {
 ///
 /// The volume that this parser is given **begins with the volume header**: its byte 0 is byte 1024 of an HFS+ volume,
 /// while the address of an allocation block is its number times the block size, as on the volume itself. Whoever
-/// constructs it presents the volume that way. Both this and what detection looks at are so on purpose.
+/// constructs it presents the volume that way, as docs/embedding.md does. Both this and what detection looks at are so
+/// on purpose. docs/formats/hfs.md lists the fields that are read.
 ///
 /// Limits that are kept on purpose, so that a caller must know them:
 /// - An allocation file whose extents fill their list exactly, for instance eight in the header and none elsewhere, has
@@ -36,8 +37,8 @@ namespace agent::core::fs {
 /// thread at a time.
 ///
 /// @code
-/// class FromHeader : public agent::core::IVolumeReader { ... }; // byte 0 shows the header, the rest as it is
-/// agent::core::fs::HFSParser parser(logger, 4096, fromHeader);
+/// agent::core::fs::HFSParser parser(logger, 4096, volume); // a reader that shows the header at byte 0
+/// std::vector<char> map(8 << 20);
 /// long const blocks = parser.getChunk(0, map.data(), map.size()); // block 8 * i + j: 0x80 >> j of byte i
 /// @endcode
 class AGENT_EXPORT HFSParser : public IBlockBitmapChunkProvider {
@@ -55,7 +56,7 @@ public:
     HFSParser& operator=(HFSParser const&) = delete;
     ~HFSParser() override;
 
-    /// Whether the buffer is a volume header: its first two bytes are "H+" or "HX".
+    /// Whether the buffer is a volume header: its first two bytes are "H+" or "HX". Any thread.
     /// @param buffer  what stands at byte 1024 of the volume, at least 2 bytes; null is not recognised
     static bool isHFSFileSystem(void* buffer);
 
@@ -63,9 +64,12 @@ public:
     /// written, although it may be more than the returned units need; what a short read does not deliver is left as it
     /// was. A negative result is -1, after an `Error` entry of its cause and a second one:
     ///     - "startBlock must be divisible by 8"
-    ///     - "Couldn't parse extent overflow file for bitmap extents." (after the cause of that)
+    ///     - "Couldn't parse extent overflow file for bitmap extents.", after the entry of fs_search_overflow()
     ///     - "Error in HFS+ parsing read."
     ///     - then "A logical error occurred while attempting to parse the HFS bitmap, err: -1"
+    ///
+    /// Where the header's extents do not hold the whole file, `Debug` "Bitmap extents overflow file needed." comes
+    /// first.
     /// @throws std::bad_alloc  the memory for a read cannot be had
     long getChunk(unsigned long offset, char* buffer, unsigned long length) const override;
 
@@ -89,14 +93,30 @@ protected:
     /// Appends the extents of a file that the extents-overflow tree holds, eight descriptors a record, in the order of
     /// a walk from the root, level by level. Keys are compared by file ID alone.
     ///
-    /// Records that lie outside their node, a node too small for its descriptor, more than 2^21 extents, more than 2^20
-    /// nodes, and nodes that come again and again (a cycle) end the search: "Failed to read node descriptor" for the
-    /// root, "Could not read next node at " and the address for another. A block size that is no power of two is a
-    /// failed read.
+    /// The search ends at the first of these, which is its `Error` entry; N is a node's number, P its byte in the file,
+    /// A its byte on the volume:
+    ///     - "Extent overflow file cannot contain an overflow of itself"
+    ///     - "Could not read B-Tree header"
+    ///     - "First node starts past the end of the extent"
+    ///     - "nodeDataOffset 64 bit overflow"
+    ///     - "Failed to read node descriptor": of the root
+    ///     - "First node is not an index node"
+    ///     - "Node N starts past the end of the extent"
+    ///     - "Couldn't get extent overflow offset: P"
+    ///     - "Node offset starts before the start of the extent"
+    ///     - "Could not read next node at A"
+    ///     - "HFS+ unknown node type " and the raw byte
+    ///
+    /// "Failed to read node descriptor" and "Could not read next node at A" also stand for records that lie outside
+    /// their node, the first for a node too small for its descriptor, the second for limits: 2^21 extents (an
+    /// allocation file of 2^32 bits in blocks of 512 bytes has 2^20, and those of both forks are collected), 2^20 nodes
+    /// seen or waiting (more than the extents of any volume in use take), and nodes that come again and again (a
+    /// cycle). A block size that is no power of two is a failed read.
     /// @param header   tells where the tree lies
     /// @param fileId   catalog node ID of the file
     /// @param extents  keeps what it holds; grows
     /// @return false after an `Error` entry
+    /// @throws std::bad_alloc  the memory for a node, a read or the extents cannot be had
     bool fs_search_overflow(HFSPlusVolumeHeader const& header, unsigned int fileId,
                             std::vector<HFSPlusExtentDescriptor>& extents) const;
 
@@ -110,8 +130,8 @@ protected:
                                 unsigned long nodeSize, unsigned long count) const;
 
 private:
-    class OverflowSearch;
-    struct Stretch;
+    class AGENT_LOCAL OverflowSearch;
+    struct AGENT_LOCAL Stretch;
 
     AGENT_LOCAL bool findBitmap(std::vector<HFSPlusExtentDescriptor>& extents) const;
     AGENT_LOCAL long copyBitmap(std::span<HFSPlusExtentDescriptor const> extents, Stretch const& stretch) const;

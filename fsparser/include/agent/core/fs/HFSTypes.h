@@ -36,6 +36,12 @@ static_assert(offsetof(HFSPlusForkData, extents) == 0x10);
 
 /// The volume header, which lies at byte 1024 of an HFS+ volume. Dates are in seconds since 1904-01-01. The parser
 /// looks at `signature`, `blockSize`, `totalBlocks`, `allocationFile` and `extentsFile` only.
+///
+/// @code
+/// agent::core::fs::HFSPlusVolumeHeader header{};
+/// long const count = volume.read(&header, sizeof header); // after a seek to byte 1024
+/// std::uint64_t const bytes = std::uint64_t{header.blockSize.value()} * header.totalBlocks.value();
+/// @endcode
 struct HFSPlusVolumeHeader {
     std::array<char, 2> signature;             ///< 0x00: "H+" or "HX"
     be16 version;                              ///< 0x02: 4 with "H+", 5 with "HX"

@@ -11,10 +11,11 @@ namespace agent::core::fs {
 ///
 /// A provider is made once for a volume and may be walked any number of times; it keeps no cursor:
 /// @code
+/// std::vector<char> buffer(8 << 20);
 /// for (unsigned long offset = 0;;) {
 ///     long const units = provider.getChunk(offset, buffer.data(), buffer.size());
 ///     if (units <= 0) { break; } // 0: the end; negative: an error, already logged
-///     consume(buffer, units);    // bits 0 to units - 1 stand for units offset to offset + units - 1
+///     use(buffer, units);        // bits 0 to units - 1 stand for units offset to offset + units - 1
 ///     offset += static_cast<unsigned long>(units);
 /// }
 /// @endcode

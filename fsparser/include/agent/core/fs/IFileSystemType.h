@@ -16,7 +16,17 @@ enum FileSystemCode : int {
     kXfs = 5,          ///< XFSParser
 };
 
-/// Tells which file system a volume's structures belong to, from a buffer alone. Reads no volume.
+/// Tells which file system a volume's structures belong to, from a buffer alone. Reads no volume. Any thread that its
+/// logger allows.
+///
+/// @code
+/// struct XfsOnly : agent::core::fs::IFileSystemType {
+///     int getFileSystemType(void* bootBuffer) const override {
+///         bool const isXfs = agent::core::fs::XFSParser::isXFSFileSystem(bootBuffer);
+///         return isXfs ? agent::core::fs::kXfs : agent::core::fs::kUnrecognized;
+///     }
+/// };
+/// @endcode
 class AGENT_EXPORT IFileSystemType {
 public:
     IFileSystemType() = default;
@@ -24,7 +34,7 @@ public:
     IFileSystemType& operator=(IFileSystemType const&) = default;
     virtual ~IFileSystemType();
 
-    /// Names the file system that the buffer is the beginning of.
+    /// Names the file system that the buffer is the beginning of. Any thread that its logger allows.
     /// @param bootBuffer  at least 512 bytes, not changed; may be null, which is not recognised
     /// @return a FileSystemCode
     virtual int getFileSystemType(void* bootBuffer) const = 0;

@@ -2,6 +2,7 @@
 /// NTFS volumes.
 #pragma once
 
+#include "agent/AlignedAllocator.h"
 #include "agent/BlockRange.h"
 #include "agent/Export.h"
 #include "agent/IConfig.h"
@@ -33,7 +34,7 @@ AGENT_EXPORT extern std::string const SEPARATOR;
 /// Nothing else is: each request reads the records that it needs.
 ///
 /// Logger and volume reader are not owned and must outlive the parser. Several operations that are `const` change what
-/// is kept: one thread at a time.
+/// is kept: one thread at a time. docs/formats/ntfs.md lists the fields that are read.
 ///
 /// @code
 /// agent::core::fs::NTFSParser parser(logger, 4096, volume);
@@ -66,12 +67,15 @@ public:
     ///     - "Can't read ntfs boot sector" (also for an alignment of 0)
     ///     - "Not an NTFS filesystem"
     ///     - "volume size is set to zero."
-    ///     - "Invalid $MFT offset." or "Invalid $MFTMirr offset.", after an `Error` entry that tells the numbers
+    ///     - "Invalid $MFT offset.", after `Error` "$MFT LCN: 0xN is greater than the number of clusters: 0xM"
+    ///     - "Invalid $MFTMirr offset.", after `Error` "$MFTMirr LCN: 0xN is greater than the number of clusters: M",
+    ///       both in hexadecimal
     ///     - "Sector per cluster isn't power of two. SectorPerCluster: 0x" and the raw byte, after an `Error` entry of
     ///       the same text
     ///     - "Cluster size isn't power of two. ClusterSize: 0x" or "$MFT bytes per record isn't power of two.
     ///       MFTBytesPerRecord: 0x" and the number in hexadecimal, likewise
-    ///     - what read_mft_record_throw() and the checks of a record throw, of records 0 and 1
+    ///     - the texts of checkFileRecordConsistency(), get_attributes() and get_run_list(), of records 0 and 1
+    ///     - "Could not read MFT record for inode number 1"
     /// @throws std::invalid_argument  the alignment is no power of two
     /// @throws std::bad_alloc  an attribute list of record 0 claims a negative size
     NTFSParser(agent::info::Logger& logger, unsigned int alignment, agent::core::IVolumeReader const& volume);
@@ -89,7 +93,8 @@ public:
     NTFSParser& operator=(NTFSParser const&) = delete;
     ~NTFSParser() override;
 
-    /// Whether the buffer is an acceptable NTFS boot sector. Never throws.
+    /// Whether the buffer is an acceptable NTFS boot sector. Throws nothing but what the logger's isEnabled() throws.
+    /// Any thread that the logger allows.
     ///
     /// The first check that fails ends the test, and all but the null pointer's leave one entry: `Debug` "Invalid NTFS
     /// magic."; `Error` "Unexpected bytes per sector: 0x...", "Unexpected cluster size 0x...", "Unexpected sectors per
@@ -100,13 +105,22 @@ public:
     /// @param logger      takes the entry
     static bool isNTFileSystem(void* bootSector, agent::info::Logger& logger);
 
-    /// As IBlockBitmapChunkProvider states it; an offset must be a multiple of 8. The whole buffer is cleared before it
-    /// is filled. Negative results: -508 no sectors in a cluster; -520 the cluster counts differ; -535 the offset is
-    /// not a multiple of 8; -559 $Bitmap is too short; -1 a read failed. Each leaves a `Debug` entry of its cause,
-    /// unless a seek failed, and an `Error` entry, "A logical error occurred while attempting to parse the NTFS bitmap,
-    /// err: " and the code.
+    /// As IBlockBitmapChunkProvider states it; an offset before the end must be a multiple of 8. The whole buffer is
+    /// cleared before it is filled. A negative result comes after a `Debug` entry of its cause and an `Error` entry, "A
+    /// logical error occurred while attempting to parse the NTFS bitmap, err: " and the code:
+    ///     - -508, no sectors in a cluster: "Invalid sectors per cluster."
+    ///     - -520, the cluster counts differ: "Sanity check failed. ClusterCount: N Alt ClusterCount: M"
+    ///     - -535: "LCN N is not a multiple of 8."
+    ///     - -559, $Bitmap is too short: "Sanity check failed on total bytes from BootRecord: N vs total bytes from
+    ///       Bitmap: M", both in bits, on purpose
+    ///     - -1, a read failed: the entry of fs_seek_read_aligned(); none where the seek failed or the place wraps
+    ///       around
+    ///
+    /// The result 0 leaves `Debug` "LCN: N Total blocks: M. Nothing more to read in bitmap.".
     /// @throws std::runtime_error  what the records of $Bitmap throw
-    /// @throws std::bad_alloc      an attribute claims a size that memory cannot hold; so do the operations below
+    /// @throws std::bad_alloc      an attribute claims a size that memory cannot hold; so do the operations below, but
+    ///     for readACLFromFile(), which turns it into its std::runtime_error once upcase table and $SDS stream are
+    ///     loaded
     long getChunk(unsigned long offset, char* buffer, unsigned long length) const override;
 
     /// The clusters of a file's data, sorted by first cluster: `first` is a cluster number, `count` is in clusters.
@@ -121,19 +135,28 @@ public:
     std::vector<agent::BlockRange> extents(unsigned long recordNumber);
 
     /// The same for a file's path. Paths are components joined by SEPARATOR; everything up to and including the first
-    /// separator is ignored (a leading one, or a drive prefix). Names match case-insensitively through the volume's
-    /// upcase table, which this call loads. Directories on the way are kept in the path cache.
+    /// separator is ignored (a leading one, or a drive prefix), and a path without any is one component in the root
+    /// directory. Names match case-insensitively through the volume's upcase table, which this call loads. Directories
+    /// on the way are kept in the path cache.
+    ///
+    /// When a run of $UpCase cannot be read, this call fails, and the table stays with a length of 0, on purpose: it is
+    /// not read again, and later calls match names by their exact case.
     /// @param path  UTF-8, as "\\directory\\file" or "C:\\directory\\file"
-    /// @return as above
-    /// @throws std::runtime_error  a component does not exist, or a record is damaged; the texts are those of
-    ///     btree_lookup()
-    /// @throws std::invalid_argument  "Upcase file is not read." when $UpCase has no data
+    /// @return as above, of the path's record: none where that record cannot be read or has no data outside itself, and
+    ///     the root directory's for an empty path
+    /// @throws std::runtime_error
+    ///     - a component does not exist, or an index is damaged: the texts of btree_lookup()
+    ///     - $UpCase cannot be read: the texts of read_upcase(), such as "Could not read MFT record for inode number
+    ///       10" and "Unable to read INDEX ENTRY"
+    ///     - the record's attributes or runs are damaged: the texts of get_attributes() and get_run_list()
+    /// @throws std::invalid_argument  "Upcase file is not read.": $UpCase has no data, or its extension record cannot
+    ///     be read
     std::vector<agent::BlockRange> extents(std::string const& path);
 
     /// The MFT record number behind a path; 5, the root directory, for an empty path. Does not load the upcase table
     /// itself, on purpose: extents(), readACLFromFile() do.
     /// @param path  as in extents()
-    /// @return the number; all ones when the directory has an entry of that name without a file
+    /// @return the number, never all ones: an entry of that name without a file is passed over as not found
     /// @throws std::invalid_argument  "Upcase file is not read.": nothing has loaded the upcase table yet
     /// @throws std::runtime_error     a component does not exist, or a record is damaged; the texts are those of
     ///     btree_lookup()
@@ -143,8 +166,11 @@ public:
     /// @param path  as in extents()
     /// @return 72 bytes, whatever the length of the attribute's value
     /// @throws std::invalid_argument  as convert_to_inode()
-    /// @throws std::runtime_error     "Could not find STANDARD_INFORMATION for file " and the path; or as
-    ///     convert_to_inode()
+    /// @throws std::runtime_error
+    ///     - "Could not find STANDARD_INFORMATION for file PATH"
+    ///     - "Could not read MFT record N for PATH"; for an empty path "Could not read MFT record for inode number 5"
+    ///     - the texts of checkFileRecordConsistency() and get_attributes()
+    ///     - as convert_to_inode()
     ntfs_standard_information getStandardInfo(std::string const& path);
 
     /// The access-control lists of the file behind a path: first the system list, then the discretionary one, each if
@@ -152,15 +178,23 @@ public:
     /// much memory as the stream is long, never more than the volume.
     ///
     /// A stream that could not be read to its end stays as it is, on purpose; clearSDS() before trying again.
+    ///
+    /// Not promised: that the result tells an absent discretionary list from a null one, which lets everyone in, or
+    /// from an empty one, which lets nobody in. None of them gives an element.
     /// @param path  as in extents()
     /// @return at most two lists
-    /// @throws std::runtime_error  "Failed to read ACLs for \"PATH\": " and the reason; or, without that, what
-    ///     read_upcase() and readSDS() throw
+    /// @throws std::runtime_error  "Failed to read ACLs for \"PATH\": " and the text of any std::exception (those of
+    ///     memory and of the volume reader, too) thrown by
+    ///     - getStandardInfo()
+    ///     - btree_lookup(), where KEY is the security identifier
+    ///     - getACLFromSDS(), among them "Security descriptor is cut off!", "ACL is cut off!", "ACE is cut off!", "SID
+    ///       is cut off!", and the std::logic_error of a descriptor that is not self-relative
+    /// @throws std::exception  without that, what read_upcase() and readSDS() throw before
     std::vector<NTFS_ACL> readACLFromFile(std::string const& path);
 
     /// Reads MFT records 0 and 1 again and forgets every path; needed after the volume changed. What stays: the
     /// geometry of the boot sector, the upcase table, and the $SDS stream, which clearSDS() forgets.
-    /// @throws std::runtime_error  as the constructor; nothing can be asked then until this call succeeds
+    /// @throws std::runtime_error  the texts of the constructor's last two items; ask nothing until this call succeeds
     void resetMftCache();
 
     /// Forgets the $SDS stream and frees its memory; the next ACL read loads it again.
@@ -207,16 +241,20 @@ protected:
 
     /// Reads $UpCase (record 10), once. Where it has no data, or its extension record cannot be read, nothing is loaded
     /// and nothing is said.
-    /// @throws std::runtime_error  "Unable to read INDEX ENTRY": a run cannot be read (the wording is the lookup's); or
-    ///     what read_mft_record_throw() and the decoding of runs throw
+    /// @throws std::runtime_error
+    ///     - "Unable to read INDEX ENTRY": a run cannot be read (the wording is the lookup's). The table stays with a
+    ///       length of 0 then, on purpose: it is not read again, and names match by their exact case
+    ///     - "Could not read MFT record for inode number 10", and the texts of checkFileRecordConsistency(),
+    ///       get_attributes() and get_run_list(); the next call reads it again then
     void read_upcase();
 
     /// @}
     /// @name Record access and fixup (MftRecord.cpp)
     ///
     /// The codes of read_record() and read_mft_record(): 0 read, fixed up and checked; -638 the read failed; -642 it
-    /// came short; -650 the magic is not "FILE", after a `Debug` entry; -654 the fixup failed; -661 the record carries
-    /// another number. The buffer holds what was read, whatever the code.
+    /// came short; -650 the magic is not "FILE", after `Debug` "MFT record N is invalid."; -654 the fixup failed; -661
+    /// the record carries another number. The buffer holds what was read, whatever the code. Each begins with `Debug`
+    /// "Reading $MFT for inode N at offset B", where B is the byte of the volume.
     /// @{
 
     /// Reads one record from its place on the volume.
@@ -231,6 +269,7 @@ protected:
     /// @param recordNumber  the record
     /// @param buffer        takes one record
     /// @return a code
+    /// @throws std::runtime_error  as get_mft_runlist()
     int read_mft_record(unsigned long recordNumber, void* buffer) const;
 
     /// The same with checkFileRecordConsistency().
@@ -238,7 +277,7 @@ protected:
     /// @param buffer        takes one record
     /// @param context       what the record is wanted for; may be empty
     /// @throws std::runtime_error  "Could not read MFT record N for CONTEXT", without a context "Could not read MFT
-    ///     record for inode number N"; or what the check says
+    ///     record for inode number N"; what the check says; or as get_mft_runlist()
     void read_mft_record_throw(unsigned long recordNumber, void* buffer, std::string const& context) const;
 
     /// Puts the last two bytes of each 512 back from the update sequence array. All are compared before one is changed;
@@ -259,6 +298,7 @@ protected:
     /// The runs of $MFT, from record 0. When the first data attribute stands in another record, that record takes the
     /// place of record 0, on purpose.
     /// @return empty when there is no data attribute or its record cannot be read
+    /// @throws std::runtime_error  record 0 is damaged; the texts are those of get_attributes() and get_run_list()
     std::vector<ntfs_runlist> get_mft_runlist() const;
 
     /// The run that holds a cluster of an attribute. Runs with markers below -1 are passed over.
@@ -332,8 +372,9 @@ protected:
     AttributeHits get_attribute_external(unsigned long baseRecord, ntfs_attribute_record* listAttribute,
                                          NtfsAttrTypes type) const;
 
-    /// The hits that the entries of a list lead to. Each record is read once; those that cannot be read or belong to
-    /// another base record are passed over, with a `Debug` entry.
+    /// The hits that the entries of a list lead to. Each record is read once; one that cannot be read is passed over
+    /// without an entry of its own, and one of another base record after `Debug` "External inode N doesn't refer to
+    /// base inode M".
     /// @param baseRecord  the record that the list belongs to
     /// @param type        wanted
     /// @param listLength  bytes
@@ -423,9 +464,8 @@ protected:
     /// put there before a failure stays.
     /// @param resolved   the directory to begin in, for the cache
     /// @param remaining  components
-    /// @param record     the directory's record before, the last component's afterwards; all ones when that entry has
-    /// no
-    ///     file
+    /// @param record     the directory's record before, the last component's afterwards; never all ones: an entry
+    ///     without a file is passed over as not found
     void resolve_uncached_portion(std::string resolved, std::string remaining, unsigned long& record);
 
     /// @}
@@ -433,15 +473,19 @@ protected:
     /// @{
 
     /// Reads the $SDS stream, unless it is there: all data attributes of record 9, whatever their names.
-    /// @throws std::runtime_error  "Could not find AtData for file $Secure", "Unable to read SDS entry", or what
-    ///     reading the records throws
+    /// @throws std::runtime_error  "Could not find AtData for file $Secure"; "Unable to read SDS entry"; "Could not
+    ///     read MFT record N for $Secure"; the texts of checkFileRecordConsistency(), get_attributes() and
+    ///     get_run_list()
+    /// @throws std::bad_alloc, std::length_error  the stream claims a size that memory cannot hold
     void readSDS();
 
     /// The lists of a descriptor in the stream.
     /// @param offset  byte of the descriptor's entry
     /// @return as readACLFromFile()
     /// @throws std::runtime_error  "Given $SDS offset N exceeds length of $SDS data, which is M", "Given $SDS offset N
-    ///     doesn't yield $SDS header with matching offset.", or what parseSecurityDescriptor() throws
+    ///     doesn't yield $SDS header with matching offset."; "SID is invalid! Cannot convert to string."; "Security
+    ///     descriptor is cut off!", "ACL is cut off!", "ACE is cut off!", "SID is cut off!": the stream ends before
+    /// @throws std::logic_error  as parseSecurityDescriptor()
     std::vector<NTFS_ACL> getACLFromSDS(unsigned long offset) const;
 
     /// @}
@@ -472,7 +516,7 @@ protected:
     /// @return whether the entry matches
     /// @throws std::runtime_error
     ///     - "Index entry out of bounds in inode for node with key KEY"
-    ///     - "Key type not recognized, aborting collation."
+    ///     - "Key type not recognized, aborting operation."
     ///     - what check_index_entry_consistency() says
     bool traverse_index_entry(ntfs_index_entry** entry, unsigned char const* end, unsigned char const* lowerBound,
                               BTreeKey const& key) const;
@@ -508,7 +552,7 @@ protected:
     /// @param entry  with all its bytes
     /// @param key    tells the kind of index
     /// @throws std::runtime_error  "Overflow from index entry for key: KEY", and likewise "Filename overflow", "Data
-    ///     overflow"; "Invalid key type for key: KEY"
+    ///     overflow"; "Key type not recognized, aborting operation."
     void check_index_entry_consistency(ntfs_index_entry const* entry, BTreeKey const& key) const;
 
     /// Checks the header of an index block that was fixed up.
@@ -583,8 +627,8 @@ private:
     std::unique_ptr<ZeroedBuffer> mftRecord; // record 0, fixed up
     std::unique_ptr<ZeroedBuffer> upcase;    // null until it is read
     std::unique_ptr<agent::LruCache<Element>> cache;
-    std::unique_ptr<ZeroedBuffer> sds; // empty until an ACL is read
-    std::unique_ptr<Walks> walks;      // what is being worked out now, so that hostile volumes end
+    std::vector<unsigned char, agent::CacheLineAllocator<unsigned char>> sds; // empty until an ACL is read
+    std::unique_ptr<Walks> walks; // what is being worked out now, so that hostile volumes end
 };
 
 } // namespace agent::core::fs

@@ -17,7 +17,8 @@ namespace agent::core::fs {
 struct NTFS_ACE {
     std::string sid;          ///< the trustee's security identifier, such as "S-1-5-18"
     std::uint64_t accessMask; ///< the 32-bit access mask, zero-extended
-    std::uint8_t accessMode;  ///< 0 not used, 2 set (grant), 3 deny, 5 audit success, 6 audit failure
+    std::uint8_t accessMode;  ///< 0 not used, 2 set (grant), 3 deny, 5 audit success, 6 audit failure;
+                              ///< numbered as in the Windows enumeration of access modes
     std::uint64_t flags;      ///< the flag byte, zero-extended
 };
 
@@ -29,7 +30,7 @@ struct NTFS_ACL {
     std::vector<NTFS_ACE> aces; ///< in on-disk order
 };
 
-/// The types of access-control entries, as stored in their first byte.
+/// The types of access-control entries: the numbers are those on disk, in an entry's first byte.
 enum AceTypes : std::uint8_t {
     kAccessAllowed = 0,
     kAccessDenied = 1,
@@ -109,28 +110,41 @@ static_assert(offsetof(_SID, sub_authority) == 0x08);
 /// The lists of a descriptor: first the system list, then the discretionary one, each if it is marked present, does not
 /// stand at offset 0 (a null list) and has entries. Nothing else tells them apart.
 ///
-/// These functions keep nothing and may be called from any thread.
-/// @param descriptor  with all that its offsets and sizes lead to; the caller vouches for the memory. Descriptors from
-///     a disk go through NTFSParser, which knows where the bytes end.
+/// Not promised: that the result tells an absent discretionary list from a null one, which lets everyone in, or from an
+/// empty one, which lets nobody in. None of them gives an element; only the descriptor tells.
+///
+/// This function keeps nothing: any thread.
+///
+/// @code
+/// std::vector<char> const bytes(1024); // a self-relative descriptor with all its parts
+/// auto const* descriptor = reinterpret_cast<agent::core::fs::security_descriptor const*>(bytes.data());
+/// for (agent::core::fs::NTFS_ACL const& list : agent::core::fs::parseSecurityDescriptor(descriptor)) {
+///     for (agent::core::fs::NTFS_ACE const& entry : list.aces) { use(entry.sid, entry.accessMode, entry.accessMask); }
+/// }
+/// @endcode
+/// @param descriptor  not null, with all that its offsets and sizes lead to; the caller vouches for the memory.
+///     Descriptors from a disk go through NTFSParser, which knows where the bytes end.
 /// @return none, one or two lists
 /// @throws std::logic_error    "Descriptor is not self-relative! NTFSParser can parse self-relative descriptors only."
-/// @throws std::runtime_error  "SID is invalid! Cannot convert to string."
+/// @throws std::runtime_error  "SID is invalid! Cannot convert to string."; "ACL is cut off!", "ACE is cut off!" or
+///     "SID is cut off!" where an offset leads past 4 GiB
 AGENT_EXPORT std::vector<NTFS_ACL> parseSecurityDescriptor(security_descriptor const* descriptor);
 
-/// The entries of a list, in their order.
-/// @param acl  with all its entries; the caller vouches for the memory
+/// The entries of a list, in their order. Any thread.
+/// @param acl  not null, with all its entries; the caller vouches for the memory
 /// @return as many entries as the list counts
 /// @throws std::runtime_error  "SID is invalid! Cannot convert to string."
 AGENT_EXPORT std::vector<NTFS_ACE> parseACEs(security_acl const* acl);
 
 /// A security identifier as text: "S-", revision, authority, sub-authorities. The authority is decimal when it fits in
 /// 32 bits, otherwise lower-case hexadecimal without prefix or padding, on purpose: "S-1-5-18", "S-1-10000000000-1".
+/// Any thread.
 /// @param sid  with as many sub-authorities as it counts
 /// @return the text
 /// @throws std::runtime_error  "SID is invalid! Cannot convert to string."
 AGENT_EXPORT std::string sidToString(_SID const& sid);
 
-/// The access mode of an entry (see NTFS_ACE):
+/// The access mode of an entry (see NTFS_ACE). Any thread. By the entry's type and flags:
 ///
 /// | type | mode |
 /// |---|---|
@@ -146,13 +160,13 @@ AGENT_EXPORT std::string sidToString(_SID const& sid);
 AGENT_EXPORT std::uint8_t typeToAccessMode(AceTypes type, AceFlags flags);
 
 /// Whether an entry of this type stores its trustee where object entries do, at byte 0x34 of the entry: types 5, 6, 7,
-/// 8, 11, 12 and 15.
+/// 8, 11, 12 and 15. Any thread.
 AGENT_EXPORT bool isObjectACE(AceTypes type);
 
-/// Whether the revision is 1 and there are at most 15 sub-authorities.
+/// Whether the revision is 1 and there are at most 15 sub-authorities. Any thread.
 AGENT_EXPORT bool isSIDValid(_SID const& sid);
 
-/// The first two bytes as a 16-bit number, highest byte first; zero when the authority fits in 32 bits.
+/// The first two bytes as a 16-bit number, highest byte first; zero when the authority fits in 32 bits. Any thread.
 AGENT_EXPORT std::uint16_t first16(_SID_IDENTIFIER_AUTHORITY authority);
 
 } // namespace agent::core::fs

@@ -9,10 +9,20 @@
 
 namespace agent::core::fs {
 
-struct ntfs_record;           ///< any multi-sector record with an update sequence array
-struct ntfs_mft_record_t;     ///< an MFT record
-struct ntfs_attribute_record; ///< an attribute in an MFT record
-struct ntfs_index_allocation; ///< an index block
+/// Any multi-sector record with an update sequence array, as it stands on disk. Opaque: cast a pointer to the whole
+/// record, 8 bytes at least.
+struct ntfs_record;
+
+/// An MFT record, as it stands on disk. Opaque: cast a pointer to as many bytes as the volume's records have (1024
+/// mostly), 48 at least.
+struct ntfs_mft_record_t;
+
+/// An attribute in an MFT record, as it stands on disk. Opaque: cast a pointer to as many bytes as its length says, 16
+/// at least.
+struct ntfs_attribute_record;
+
+/// An index block, as it stands on disk. Opaque: cast a pointer to the whole block, 40 bytes at least.
+struct ntfs_index_allocation;
 
 /// One run of a non-resident attribute. Runlists are vectors of runs in VCN order; the VCN of a run is the sum of the
 /// lengths before it.
@@ -21,7 +31,7 @@ struct ntfs_runlist {
     std::int64_t length; ///< clusters
 };
 
-/// Attribute types of NTFS; the names are the format's own. In a record they ascend.
+/// Attribute types of NTFS: the numbers are those on disk, the names the format's own. In a record they ascend.
 enum NtfsAttrTypes : std::uint32_t {
     kNoAttribute = 0,
     kStandardInformation = 0x10,
@@ -65,6 +75,14 @@ static_assert(offsetof(ntfs_index_entry, sds_length) == 0x24);
 
 /// The first 72 bytes of a file's standard information, as they stand on disk. Times are in units of 100 ns since
 /// 1601-01-01 00:00 UTC.
+///
+/// @code
+/// agent::core::fs::NTFSParser parser(logger, 4096, volume);
+/// auto const runs = parser.extents("\\readme.txt"); // loads the upcase table
+/// agent::core::fs::ntfs_standard_information const info = parser.getStandardInfo("\\readme.txt");
+/// std::uint64_t const written = info.last_data_change_time.value() / 10000000 - 11644473600;
+/// use(written); // seconds since 1970
+/// @endcode
 struct ntfs_standard_information {
     le64 creation_time;         ///< 0x00
     le64 last_data_change_time; ///< 0x08

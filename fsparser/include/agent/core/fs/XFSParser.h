@@ -41,7 +41,8 @@ struct xfs_btree_record {
 ///
 /// The superblock is read once, at construction; every getChunk() reads header, free list and tree of each group that
 /// the chunk touches. Few long chunks are therefore cheap, many short ones are not. No state is kept between calls.
-/// Logger and volume reader are not owned and must outlive the parser; one thread at a time.
+/// Logger and volume reader are not owned and must outlive the parser; one thread at a time. docs/formats/xfs.md lists
+/// the fields that are read.
 ///
 /// @code
 /// agent::core::fs::XFSParser parser(logger, 4096, volume);
@@ -51,7 +52,9 @@ struct xfs_btree_record {
 /// @endcode
 class AGENT_EXPORT XFSParser : public IBlockBitmapChunkProvider {
 public:
-    /// Reads and checks the superblock (512 bytes at byte 0) and logs its fields at `Debug`.
+    /// Reads and checks the superblock (512 bytes at byte 0) and logs its fields at `Debug`, an entry each: "magic 0x"
+    /// and eight hexadecimal digits; then, with the number behind them, "block_size ", "sector_size ", "ag_count ",
+    /// "ag_blocks ", "total_blocks ", "version ", "log_blocks ", "log_start ", "log2(ag_blocks) ".
     /// @param logger     takes every message; not owned
     /// @param alignment  bytes, the granularity of every read; what the device asks for in direct I/O
     /// @param volume     an open volume; not owned
@@ -64,7 +67,7 @@ public:
     XFSParser& operator=(XFSParser const&) = delete;
     ~XFSParser() override;
 
-    /// Whether the buffer is a superblock: its first four bytes are "XFSB". No other byte is looked at.
+    /// Whether the buffer is a superblock: its first four bytes are "XFSB". No other byte is looked at. Any thread.
     /// @param buffer  the volume's first sector, at least 4 bytes; null is not recognised
     static bool isXFSFileSystem(void* buffer);
 
@@ -74,8 +77,17 @@ public:
     ///     - none for an offset that is no multiple of 8, groups of 0 blocks, or an unreadable free list
     ///     - "Can't read fsi block." or "Invalid fsi magic number."
     ///     - a text of XFSBTreeNode; "XFS: cannot read btree node header" also stands for siblings in a circle, for
-    ///       more than 64 levels and for more than 2^24 nodes
+    ///       more than 64 levels (the format goes to 9) and for more than 2^24 nodes in one chunk (levels that lead to
+    ///       one another crosswise could be walked for ever)
+    ///     - or the text of a std::runtime_error that the volume reader, or the logger's isEnabled(), threw during the
+    ///       walk
     ///     - then "A logical error occurred while attempting to parse XFS bitmap, err: -1"
+    ///
+    /// The trace at `Debug`: "buf off = O, buffer_size = BITS", "Iterating over allocation group(s) F - L"; of each
+    /// group "Reading the free space info." and the entries of read_fsi(), "Reading the allocation group free list."
+    /// and that of read_agfl(), "Marking free list", "GROUP: BLOCK -> 1" for each block of it, "Reading the root b+
+    /// node.", those of XFSBTreeNode for each node, and "GROUP: START -> COUNT" for each record of a leaf; at the end
+    /// "count = C", the free blocks that were marked.
     /// @throws std::bad_alloc  the memory for a node cannot be had
     long getChunk(unsigned long offset, char* buffer, unsigned long length) const override;
 
@@ -98,7 +110,8 @@ protected:
     /// @return blocks covered, 0 at the end, -1 on an error
     long fs_get_blocks_bitmap_chunk(unsigned long length, unsigned long offset, char* buffer) const;
 
-    /// Reads a group's free-space header.
+    /// Reads a group's free-space header. `Debug` "fsi addr = A"; of a sound one "magic 0x" and eight hexadecimal
+    /// digits, "fl_first ", "fl_last " and "offset_bt_root ", each with its number.
     /// @param agNumber   the group
     /// @param agBlocks   blocks of a group
     /// @param blockSize  bytes
@@ -107,7 +120,8 @@ protected:
     unsigned int read_fsi(unsigned int agNumber, unsigned int agBlocks, unsigned int blockSize,
                           xfs_free_space_info* info) const;
 
-    /// Reads a group's free list.
+    /// Reads a group's free list. `Debug` "agfl addr = A, len = 512", where A is the group's first block plus the
+    /// list's byte in the group, on purpose.
     /// @param version    the superblock's version word
     /// @param agNumber   the group
     /// @param agBlocks   blocks of a group
@@ -141,8 +155,8 @@ protected:
                            unsigned int agBlocks, unsigned int start, unsigned int blocks, unsigned long* count) const;
 
 private:
-    struct Chunk;
-    class TreeWalk;
+    struct AGENT_LOCAL Chunk;
+    class AGENT_LOCAL TreeWalk;
 
     AGENT_LOCAL bool read(std::uint64_t address, void* buffer, std::uint64_t length) const;
     AGENT_LOCAL void logGeometry() const;
@@ -170,7 +184,9 @@ private:
 /// leaves the source without records.
 class AGENT_EXPORT XFSParser::XFSBTreeNode {
 public:
-    /// Reads and checks the node.
+    /// Reads and checks the node. `Debug` "btn addr = A" before it is read; of a sound one "---BTN HERE---", "magic 0x"
+    /// and eight hexadecimal digits, "level ", "num_recs ", "left_sib ", "right_sib ", each with its number, and
+    /// "---BTN END---".
     /// @param parser    whose logger, volume and alignment are used; not kept
     /// @param agNumber  the group
     /// @param agBlock   block in the group
