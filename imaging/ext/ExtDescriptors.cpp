@@ -74,6 +74,9 @@ GroupReport examineGroups(Volume& volume, DescriptorTable const& table) {
     GroupReport report;
     bool const hasCounts =
         table.groups <= kMostCounts && (table.groupBlocks <= kMostCounted || table.descriptorSize >= kLargeDescriptor);
+    if (hasCounts) {
+        report.freeBlocks.reserve(table.groups); // at most 16 MiB of addresses, and memory as far as it is filled
+    }
     forEachDescriptor(volume, table, [&](std::uint64_t group, Descriptor const& descriptor) {
         report.notBelieved = findMisplacedBitmap(table, group, descriptor);
         if (hasCounts) {

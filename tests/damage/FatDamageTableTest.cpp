@@ -202,7 +202,7 @@ private:
 
 TEST(FatDamageMemory, ClaimOfAllSectorsTakesAddressesNotMemory) {
     if (residentBytes() == 0) {
-        GTEST_SKIP() << "the system does not tell how much memory is resident";
+        GTEST_SKIP() << kWhyNotResident;
     }
     FatBuilder builder(FatGeometry::tiny());
     builder.setBoot(fat_boot::kTotalSectors32, 0xFFFFFFFF, 4).setBoot(fat_boot::kSectorsPerCluster, 1, 1);
@@ -223,7 +223,7 @@ TEST(FatDamageMemory, ClaimOfAllSectorsTakesAddressesNotMemory) {
 
 TEST(FatDamageMemory, NothingIsKeptAfterALargeRequest) {
     if (residentBytes() == 0) {
-        GTEST_SKIP() << "the system does not tell how much memory is resident";
+        GTEST_SKIP() << kWhyNotResident;
     }
     SyntheticReader const volume =
         makeSyntheticFatVolume(makeTooManyClusters(), [](std::uint64_t) { return fat_entry::kFree; });

@@ -171,7 +171,7 @@ TEST(NtfsDamagedBootSector, RecordsOfTwoGibibytesTakeNoMemory) {
     ResidentWatcher const watcher(volume);
     std::size_t const before = residentBytes();
     if (before == 0) {
-        GTEST_SKIP() << "the system does not tell how much memory is resident";
+        GTEST_SKIP() << kWhyNotResident;
     }
     EXPECT_EQ(openNtfs(watcher).refusal, kRecordSize);
     EXPECT_LT(watcher.most, before + (std::size_t{64} << 20));

@@ -11,14 +11,6 @@
 #include <string>
 #include <vector>
 
-#if defined(__SANITIZE_ADDRESS__)
-#define XFS_TESTS_SANITIZED 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define XFS_TESTS_SANITIZED 1
-#endif
-#endif
-
 namespace {
 
 using namespace tests;
@@ -49,12 +41,7 @@ private:
 };
 
 std::optional<std::string> whyMemoryIsNotTold() {
-#ifdef XFS_TESTS_SANITIZED
-    return "the sanitizer keeps memory that was given back";
-#else
-    return residentBytes() == 0 ? std::optional<std::string>("the system does not tell how much memory a process has")
-                                : std::nullopt;
-#endif
+    return residentBytes() == 0 ? std::optional<std::string>(kWhyNotResident) : std::nullopt;
 }
 
 /// The parts of a volume that are not zero: the headers, and the first bytes of each node. Blocks have 1 MiB, so that a

@@ -23,6 +23,10 @@ inline std::size_t residentBytes() {
     return statm ? resident * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE)) : 0;
 }
 
+/// Why residentBytes() is 0.
+inline constexpr char const* kWhyNotResident = kIsSanitized ? "the address sanitizer keeps memory of its own"
+                                                            : "the system does not tell how much memory is resident";
+
 /// The value of a line of the process's status, in KiB.
 inline long statusKiB(std::string const& name) {
     std::ifstream status("/proc/self/status");

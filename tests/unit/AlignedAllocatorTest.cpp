@@ -77,7 +77,7 @@ TEST(AlignedAllocator, EmptyBlocksAreTakenAndGivenBack) {
 TEST(AlignedAllocator, AnUntouchedGigabyteTakesNoMemory) {
     std::size_t const before = tests::residentBytes();
     if (before == 0) {
-        GTEST_SKIP() << "/proc/self/statm cannot be read";
+        GTEST_SKIP() << tests::kWhyNotResident;
     }
     constexpr std::size_t kGigabyte = std::size_t{1} << 30;
     constexpr std::size_t kAllowed = std::size_t{32} << 20;
@@ -94,7 +94,7 @@ TEST(AlignedAllocator, AnUntouchedGigabyteTakesNoMemory) {
 TEST(AlignedVector, ResizingWritesNoElement) {
     std::size_t const before = tests::residentBytes();
     if (before == 0) {
-        GTEST_SKIP() << "/proc/self/statm cannot be read";
+        GTEST_SKIP() << tests::kWhyNotResident;
     }
     std::vector<char, AlignedAllocator<char>> buffer{AlignedAllocator<char>(4096)};
     buffer.resize(std::size_t{64} << 20);
@@ -105,7 +105,7 @@ TEST(AlignedVector, ResizingWritesNoElement) {
 TEST(AlignedAllocator, AWideAlignmentTakesNoMemoryForTheGap) {
     std::size_t const before = tests::residentBytes();
     if (before == 0) {
-        GTEST_SKIP() << "/proc/self/statm cannot be read";
+        GTEST_SKIP() << tests::kWhyNotResident;
     }
     Block const block(4096, std::size_t{1} << 30);
     std::memset(block.memory(), 1, 4096);
@@ -115,7 +115,7 @@ TEST(AlignedAllocator, AWideAlignmentTakesNoMemoryForTheGap) {
 TEST(AlignedAllocator, GivesBackWhatItTook) {
     std::size_t const before = tests::residentBytes();
     if (before == 0) {
-        GTEST_SKIP() << "/proc/self/statm cannot be read";
+        GTEST_SKIP() << tests::kWhyNotResident;
     }
     for (int round = 0; round < 64; ++round) {
         Block const block(std::size_t{8} << 20, round % 2 == 0 ? 512 : std::size_t{1} << 20);

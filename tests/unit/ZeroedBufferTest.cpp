@@ -35,7 +35,7 @@ TEST(ZeroedBuffer, ShowsTheBytesThatAreWrittenToIt) {
 TEST(ZeroedBuffer, AClaimedSizeTakesNoMemoryUntilItIsWritten) {
     std::size_t const before = tests::residentBytes();
     if (before == 0) {
-        GTEST_SKIP() << "/proc/self/statm cannot be read";
+        GTEST_SKIP() << tests::kWhyNotResident;
     }
     ZeroedBuffer buffer(std::size_t{1} << 30);
     buffer.data()[12345] = 1;
