@@ -1,9 +1,9 @@
 // A host that loads a guest, lets it work and unloads it, over and over.
 //
-//     host GUEST VOLUME ROUNDS
+//     host GUEST VOLUMES ROUNDS
 //
-// Prints what the guest answered, whether the libraries were there meanwhile, and what the process holds before and
-// after.
+// VOLUMES is the beginning of the volumes' names, which the guest completes. Prints what the guest answered, whether
+// the libraries were there meanwhile, and what the process holds before and after.
 #include <cstdlib>
 #include <dlfcn.h>
 #include <filesystem>
