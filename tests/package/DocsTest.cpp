@@ -1,4 +1,5 @@
 // The documents: that they are whole, and say what is there.
+#include "package/ShownCommands.h"
 #include "support/Command.h"
 #include "support/TempDirectory.h"
 
@@ -39,24 +40,6 @@ std::vector<fs::path> pages() {
     return found;
 }
 
-/// What the links of a page lead to; those to other hosts, and programs that are shown, left out.
-std::vector<std::string> linksOf(std::string const& text) {
-    static std::regex const link(R"(\]\(([^)#\s]+)[^)]*\))");
-    std::vector<std::string> links;
-    std::istringstream lines(text);
-    bool isProgram = false;
-    for (std::string line; std::getline(lines, line);) {
-        isProgram = line.starts_with("```") ? !isProgram : isProgram;
-        for (auto match = std::sregex_iterator(line.begin(), line.end(), link);
-             !isProgram && match != std::sregex_iterator(); ++match) {
-            if (std::string const target = (*match)[1]; target.find("://") == std::string::npos) {
-                links.push_back(target);
-            }
-        }
-    }
-    return links;
-}
-
 /// What stands between the first two texts, the second one looked for behind the first.
 std::string between(std::string const& text, std::string const& begin, std::string const& end) {
     auto const first = text.find(begin);
@@ -94,7 +77,7 @@ TEST(Docs, ThePageOnEmbeddingShowsTheProgramAsItIs) {
 TEST(Docs, EveryLinkLeadsSomewhere) {
     std::size_t links = 0;
     for (fs::path const& page : pages()) {
-        for (std::string const& link : linksOf(textOf(page))) {
+        for (std::string const& link : tests::linksOf(textOf(page))) {
             EXPECT_TRUE(fs::exists(page.parent_path() / link)) << page << " leads to " << link;
             ++links;
         }
@@ -105,7 +88,7 @@ TEST(Docs, EveryLinkLeadsSomewhere) {
 TEST(Docs, EveryPageIsReachedFromTheFirst) {
     std::vector<fs::path> reached{source() / "README.md"};
     for (std::size_t i = 0; i < reached.size(); ++i) {
-        for (std::string const& link : linksOf(textOf(reached[i]))) {
+        for (std::string const& link : tests::linksOf(textOf(reached[i]))) {
             fs::path const target = (reached[i].parent_path() / link).lexically_normal();
             if (target.extension() == ".md" && std::find(reached.begin(), reached.end(), target) == reached.end()) {
                 reached.push_back(target);

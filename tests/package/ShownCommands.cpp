@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <regex>
 #include <sstream>
 #include <stdexcept>
@@ -163,23 +165,34 @@ std::vector<std::string> markdownDocuments() {
     return documents;
 }
 
+std::vector<std::string> linksOf(std::string const& text) {
+    static std::regex const link(R"(\]\(([^)#\s]+)[^)]*\))");
+    std::vector<std::string> links;
+    std::istringstream lines(text);
+    bool isProgram = false;
+    for (std::string line; std::getline(lines, line);) {
+        isProgram = line.starts_with("```") ? !isProgram : isProgram;
+        for (auto match = std::sregex_iterator(line.begin(), line.end(), link);
+             !isProgram && match != std::sregex_iterator(); ++match) {
+            if (std::string const target = (*match)[1]; target.find("://") == std::string::npos) {
+                links.push_back(target);
+            }
+        }
+    }
+    return links;
+}
+
 std::vector<std::string> deadLinksBelow(std::filesystem::path const& directory) {
-    static std::regex const pattern(R"(\]\(([^)#\s]+)[^)]*\))");
     std::vector<std::string> dead;
     for (auto const& entry : std::filesystem::recursive_directory_iterator(directory)) {
         if (entry.path().extension() != ".md") {
             continue;
         }
-        bool isProgram = false;
-        for (std::string const& line : linesOf(entry.path().string())) {
-            isProgram = line.starts_with("```") ? !isProgram : isProgram;
-            for (std::sregex_iterator match(line.begin(), line.end(), pattern), end; !isProgram && match != end;
-                 ++match) {
-                std::string const target = (*match)[1];
-                if (target.find("://") == std::string::npos &&
-                    !std::filesystem::exists(entry.path().parent_path() / target)) {
-                    dead.push_back(entry.path().string() + " leads to " + target);
-                }
+        std::ifstream page(entry.path());
+        std::string const text{std::istreambuf_iterator<char>(page), {}};
+        for (std::string const& target : linksOf(text)) {
+            if (!std::filesystem::exists(entry.path().parent_path() / target)) {
+                dead.push_back(entry.path().string() + " leads to " + target);
             }
         }
     }

@@ -34,6 +34,9 @@ std::vector<std::string> callsInProse(std::string const& document);
 /// README.md, CONTRIBUTING.md, the benchmark's page, and what is in docs, as paths from the top of the source tree.
 std::vector<std::string> markdownDocuments();
 
+/// What the links of a page lead to; those to other hosts, and programs that are shown, left out.
+std::vector<std::string> linksOf(std::string const& text);
+
 /// The links of the Markdown pages below a directory that lead nowhere, those to other hosts left out; for each its
 /// page and where it leads.
 std::vector<std::string> deadLinksBelow(std::filesystem::path const& directory);
