@@ -24,7 +24,8 @@ public:
     /// How many errors there are since the last call of takeReason().
     std::size_t count() const { return errors_.size(); }
 
-    /// Forgets the errors beyond the first `count`: what they told of has come right after all.
+    /// Forgets the errors beyond the first `count`: what they told of has come right after all. The other logger has
+    /// them already.
     void forgetSince(std::size_t count) { errors_.resize(std::min(count, errors_.size())); }
 
 private:

@@ -18,8 +18,8 @@ namespace {
 /// The low half of the number of blocks, in the superblock.
 constexpr std::size_t kBlocksCount = 0x04;
 
-/// Groups asked for together, however small they are.
-constexpr std::uint64_t kMostGroups = 4096;
+/// Bytes of descriptors asked for together, however small the groups and however long the descriptors are.
+constexpr std::uint64_t kMostTableBytes = std::uint64_t{256} << 10;
 
 /// A volume with other bytes in two places.
 class OverlayReader : public agent::core::IVolumeReader {
@@ -82,7 +82,9 @@ long GroupWindow::getChunk(unsigned long offset, char* buffer, unsigned long len
     }
     std::uint64_t const lastBlock = std::min(offset + std::min(length, table_.blocks) * 8, table_.blocks) - 1;
     std::uint64_t const first = groupOf(offset);
-    std::uint64_t const count = std::min(groupOf(lastBlock) - first + 1, kMostGroups);
+    std::uint64_t const most = std::max<std::uint64_t>(kMostTableBytes / table_.descriptorSize, 1);
+    // Blocks before the first group may be all that there is.
+    std::uint64_t const count = std::min({groupOf(lastBlock) - first + 1, most, table_.groups - first});
     std::uint64_t const before = first * table_.groupBlocks; // blocks that the presented volume lacks
     std::uint64_t const end = std::min(table_.firstDataBlock + (first + count) * table_.groupBlocks, table_.blocks);
 
@@ -91,8 +93,8 @@ long GroupWindow::getChunk(unsigned long offset, char* buffer, unsigned long len
     std::vector<std::uint8_t> const descriptors =
         volume_.readBytes(table_.offset + first * table_.descriptorSize, count * table_.descriptorSize);
     OverlayReader const reader(volume_.reader(), {kHeaderOffset, super}, {table_.offset, descriptors});
-    agent::core::fs::EXTParser const parser(volume_.logger(), static_cast<unsigned>(volume_.alignment()), reader);
-    return parser.getChunk(offset - before, buffer, length);
+    auto const parser = makeParserOn<agent::core::fs::EXTParser>(volume_, reader, volume_.alignment());
+    return parser->getChunk(offset - before, buffer, length);
 }
 
 } // namespace imaging::ext

@@ -17,7 +17,9 @@ namespace {
 
 using Reason = std::optional<std::string>;
 
-/// A chunk covers whole groups where it can, since the parser reads the tree of each group that a chunk touches.
+/// A chunk covers whole groups where it can, since the parser reads the tree of each group that a chunk touches. Where
+/// every tree is a single block, that costs little, and short chunks stay in the processor's caches.
+constexpr std::uint64_t kChunkOfSmallTrees = std::uint64_t{128} << 10;
 constexpr std::uint64_t kShortestChunk = std::uint64_t{1} << 20;
 constexpr std::uint64_t kLongestChunk = std::uint64_t{16} << 20;
 
@@ -223,6 +225,9 @@ Answerer open(Volume& volume) {
     if (headers.notBelieved) {
         geometry.notBelieved = headers.notBelieved;
         return allUsed(std::move(geometry), volume.size());
+    }
+    if (headers.levels <= 1) {
+        geometry.chunkBytes = kChunkOfSmallTrees;
     }
     Journal const journal = *geometry.journal;
     Answerer answerer{std::move(geometry), nullptr, std::move(parser)};

@@ -18,6 +18,7 @@ constexpr std::size_t kNumber = 8;
 constexpr std::size_t kLength = 12;
 constexpr std::size_t kTreeRoot = 16;
 constexpr std::array<std::size_t, 2> kOtherRoots{20, 24}; // by length; of owners, or 0
+constexpr std::size_t kTreeLevels = 28;
 constexpr std::size_t kListFirst = 40;
 constexpr std::size_t kListLast = 44;
 constexpr std::size_t kListCount = 48;
@@ -143,6 +144,7 @@ GroupHeaders readGroupHeaders(Volume& volume, GroupLayout const& layout) {
         if (result.notBelieved) {
             return result;
         }
+        result.levels = std::max(result.levels, loadBig(header, kTreeLevels, 4));
         addRoots(layout, group, header, length, result.roots);
         addListed(volume, layout, group, header, result.listed);
         result.freeCounts.push_back(

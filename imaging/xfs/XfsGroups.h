@@ -31,6 +31,9 @@ struct GroupHeaders {
     /// The blocks of the free lists: the parser calls them free, and they are kept for the trees' own growth.
     std::vector<ByteRange> listed;
 
+    /// Levels of the deepest tree, by the headers' own word; only what a walk costs depends on it.
+    std::uint64_t levels = 0;
+
     /// The first header under which the parser would mark blocks that are in use, as one clause. The parser does not
     /// look at a free list's count: of a list that is empty or shorter than its two ends say, old entries would count.
     /// Nor does it mind a root past the group's end, or a list or root of the other version.

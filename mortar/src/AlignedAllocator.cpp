@@ -1,6 +1,7 @@
 // Aligned zeroed memory: small blocks from the heap, large ones as fresh pages of the system.
 #include "agent/AlignedAllocator.h"
 
+#include <algorithm>
 #include <bit>
 #include <cerrno>
 #include <cstring>
@@ -84,7 +85,7 @@ void freeSmall(void* place, std::size_t alignment) {
 /// ones, which costs several times as much. What it aligns every block to anyway is taken as it comes.
 void* allocateSmall(std::size_t bytes, std::size_t alignment) {
     if (alignment <= __STDCPP_DEFAULT_NEW_ALIGNMENT__) {
-        return ::operator new(bytes);
+        return ::operator new(std::max(bytes, alignment)); // a block is aligned for what can lie in it
     }
     void* const block = ::operator new(bytes + sizeof(void*) + alignment);
     auto const first = reinterpret_cast<std::uintptr_t>(block) + sizeof block;
