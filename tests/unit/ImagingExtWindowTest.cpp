@@ -89,6 +89,14 @@ TEST_F(ImagingExtWindow, MoreGroupsThanAreAskedForTogetherAreAllThere) {
     EXPECT_TRUE(inPieces(builder, {1'000'000}) == builder.map());
 }
 
+TEST_F(ImagingExtWindow, AVolumeWithoutGroupsHasNoUnitsAndNoDescriptorIsRead) {
+    ExtBuilder builder(ExtGeometry{});
+    builder.setSuper32(ext_super::kBlocksCountLow, 1).resize(2048); // the table would begin behind the end
+    imaging::ext::GroupWindow const window(open(builder), {2048, 0, 32, 1, 1, 8192, true});
+    char byte = 0;
+    EXPECT_EQ(window.getChunk(0, &byte, 1), 0);
+}
+
 TEST_F(ImagingExtWindow, ABitmapThatCannotBeReadIsTheParsersFailure) {
     ExtBuilder builder(ExtGeometry{});
     builder.setBitmapLocation(1, 19'000'000);
