@@ -2,8 +2,8 @@
 //
 //     host GUEST VOLUMES ROUNDS
 //
-// VOLUMES is the beginning of the volumes' names, which the guest completes. Prints what the guest answered, whether the
-// libraries were there meanwhile, and what the process holds before and after.
+// VOLUMES is the beginning of the volumes' names, which the guest completes. Prints what the guest answered, whether
+// the libraries were there meanwhile, and what the process holds before and after.
 #include <cstdlib>
 #include <dlfcn.h>
 #include <filesystem>
